@@ -1,0 +1,183 @@
+// The start and the stop of the library: the one place that knows all modules, as two tables.
+
+#include "zol/zol.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace
+{
+
+// The library's state. Written by zol_init() and zol_deinit(), which run on one thread.
+struct library_state {
+    int32_t initialized;  // atomic: kiv_lock() reads it on any thread
+    char configName[64];  // from the configuration, for the log
+    pthread_mutex_t lock; // the application's; exists while initialized
+};
+
+library_state g_kiv;
+
+bool is_initialized() noexcept
+{
+    return __atomic_load_n(&g_kiv.initialized, __ATOMIC_ACQUIRE) != 0;
+}
+
+void set_initialized(bool on) noexcept
+{
+    __atomic_store_n(&g_kiv.initialized, on ? 1 : 0, __ATOMIC_RELEASE);
+}
+
+int32_t create_lock(const char *)
+{
+    return pthread_mutex_init(&g_kiv.lock, nullptr);
+}
+
+int32_t read_config_name(const char *)
+{
+    return kiv_config_get_param("general", "", "configName", g_kiv.configName, sizeof g_kiv.configName);
+}
+
+template <int32_t (*init)()>
+int32_t start(const char *)
+{
+    return init();
+}
+
+bool is_zero(int32_t result)
+{
+    return result == 0;
+}
+
+bool is_one(int32_t result)
+{
+    return result == 1;
+}
+
+bool is_not_negative(int32_t result)
+{
+    return result >= 0;
+}
+
+struct startup_step {
+    int32_t (*run)(const char *configFile);
+    bool (*succeeded)(int32_t result);
+    int line; // of this row: the failed assertion names it, and so the step
+};
+
+// The order matters: the log level is known once the configuration is loaded, and I2C comes last.
+constexpr startup_step startup_steps[] = {
+    {create_lock, is_zero, __LINE__},
+    {kiv_config_init, is_one, __LINE__},
+    {start<kiv_debug_init>, is_not_negative, __LINE__},
+    {start<kiv_token_init>, is_zero, __LINE__},
+    {read_config_name, is_one, __LINE__},
+    {start<kiv_i2c_init>, is_zero, __LINE__},
+};
+
+int32_t deinit_tokens()
+{
+    kiv_token_deinit();
+    return KIV_OK;
+}
+
+// Every module's stop copes with a module that was never started.
+constexpr int32_t (*module_deinits[])() = {
+    kiv_config_deinit,
+    kiv_i2c_deinit,
+    deinit_tokens,
+    kiv_debug_deinit,
+};
+
+void deinit_modules()
+{
+    for (const auto deinit : module_deinits) {
+        deinit();
+    }
+}
+
+// A configuration file that could not be loaded has been reported by the configuration store.
+bool is_reported(const startup_step &step, int32_t result)
+{
+    return step.run == kiv_config_init && result == 0;
+}
+
+void report_failed_step(const startup_step &step)
+{
+    _kiv_block_print(1, KIV_LOG_PREFIX_ERRR "ASSERT FAILED [%s][%d]\n", "zol_init", step.line,
+                     KIV_SOURCE_PATH, step.line);
+}
+
+bool run_step(const startup_step &step, const char *configFile)
+{
+    const int32_t result = step.run(configFile);
+    const bool succeeded = step.succeeded(result);
+    if (!succeeded && !is_reported(step, result)) {
+        report_failed_step(step);
+    }
+    return succeeded;
+}
+
+bool run_startup(const char *configFile)
+{
+    return std::all_of(std::begin(startup_steps), std::end(startup_steps),
+                       [configFile](const startup_step &step) { return run_step(step, configFile); });
+}
+
+} // namespace
+
+int32_t zol_init(const char *configFile)
+{
+    if (is_initialized()) {
+        return KIV_OK;
+    }
+    KIV_LOG_PRNT("initialize kiv\n");
+    g_kiv.configName[0] = '\0';
+    const bool started = run_startup(configFile != nullptr ? configFile : "/etc/kiv/conf.xml");
+    KIV_LOG_PRNT("initialize kiv - configName[%s]\n", g_kiv.configName);
+    if (!started) {
+        deinit_modules();
+        pthread_mutex_destroy(&g_kiv.lock);
+        return KIV_ERR_INVALID_PARAM;
+    }
+    set_initialized(true);
+    return KIV_OK;
+}
+
+int32_t zol_deinit(void)
+{
+    KIV_LOG_PRNT("destruct kiv\n");
+    if (!is_initialized()) {
+        KIV_LOG_ERRR("the library is not initialized\n");
+        kiv_test_util_deinit();
+        return KIV_ERR_STATE;
+    }
+    kiv_lock();
+    deinit_modules();
+    kiv_test_util_deinit();
+    kiv_unlock();
+    pthread_mutex_destroy(&g_kiv.lock);
+    set_initialized(false);
+    return KIV_OK;
+}
+
+void kiv_lock(void)
+{
+    const bool initialized = is_initialized();
+    KIV_ASSERT(initialized);
+    if (initialized) {
+        const int result = pthread_mutex_lock(&g_kiv.lock);
+        KIV_ASSERT(result == 0);
+    }
+}
+
+void kiv_unlock(void)
+{
+    const bool initialized = is_initialized();
+    KIV_ASSERT(initialized);
+    if (initialized) {
+        const int result = pthread_mutex_unlock(&g_kiv.lock);
+        KIV_ASSERT(result == 0);
+    }
+}

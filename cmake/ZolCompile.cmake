@@ -1,0 +1,22 @@
+# How everything in this tree is compiled: link against zol_compile to get it.
+
+add_library(zol_compile INTERFACE)
+
+target_compile_options(zol_compile INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2 -Wvla
+    -fstack-protector-strong
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    $<$<CXX_COMPILER_ID:GNU>:-fstack-clash-protection>)
+
+target_link_options(zol_compile INTERFACE
+    -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+
+if(ZOL_SANITIZE)
+    # The sanitizers check more than fortified calls do, and intercept the plain ones.
+    target_compile_options(zol_compile INTERFACE
+        -fsanitize=${ZOL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(zol_compile INTERFACE -fsanitize=${ZOL_SANITIZE})
+else()
+    target_compile_definitions(zol_compile INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+endif()

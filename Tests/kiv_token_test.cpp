@@ -1,0 +1,130 @@
+#include "zol/kiv_token.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "support/fault_sweep.h"
+#include "support/log_capture.h"
+#include "support/scratch.h"
+#include "zol/kiv_config.h"
+#include "zol/kiv_debug.h"
+#include "zol/kiv_status.h"
+
+using zol_test::log_capture;
+
+namespace
+{
+
+class Tokens : public testing::Test
+{
+protected:
+    Tokens()
+    {
+        scratch_.write("CAL", "0123456789");
+        scratch_.write("EMPTY", "");
+        std::filesystem::create_directory(scratch_.path() / "DIR");
+        scratch_.write("DIR/IN", "nested");
+        std::strncpy(g_tokensPath, scratch_.path().c_str(), sizeof g_tokensPath - 1);
+    }
+    ~Tokens() override { kiv_token_deinit(); }
+
+    zol_test::scratch_directory scratch_;
+};
+
+TEST_F(Tokens, WhatIsThereIsRead)
+{
+    uint32_t size = 99;
+    EXPECT_EQ(kiv_token_isExist("CAL"), KIV_OK);
+    EXPECT_EQ(kiv_token_getSize("CAL", &size), KIV_OK);
+    EXPECT_EQ(size, 10U);
+    EXPECT_EQ(kiv_token_getSize("CAL", nullptr), KIV_OK);
+    EXPECT_EQ(kiv_token_getSize("EMPTY", &size), KIV_OK);
+    EXPECT_EQ(size, 0U);
+
+    char buffer[16] = "###############";
+    EXPECT_EQ(kiv_token_getData("CAL", buffer, 4, &size), KIV_OK);
+    EXPECT_EQ(size, 4U);
+    EXPECT_STREQ(buffer, "0123###########");
+    EXPECT_EQ(kiv_token_getData("CAL", buffer, sizeof buffer, &size), KIV_OK);
+    EXPECT_EQ(size, 10U);
+    EXPECT_STREQ(buffer, "0123456789#####");
+    EXPECT_EQ(kiv_token_getData("DIR/IN", buffer, 6, nullptr), KIV_OK);
+    EXPECT_STREQ(buffer, "nested6789#####");
+}
+
+TEST_F(Tokens, WhatIsNotThereIsRefusedByAllRequests)
+{
+    ASSERT_EQ(mkfifo((scratch_.path() / "FIFO").c_str(), 0600), 0);
+    const std::string too_long(64, 'n');
+    for (const char *name :
+         {"NONE", "", "DIR", "DIR/", "FIFO", too_long.c_str(), static_cast<const char *>(nullptr)}) {
+        log_capture log;
+        char buffer[4];
+        uint32_t size = 99;
+        EXPECT_EQ(kiv_token_isExist(name), KIV_ERR_OPEN);
+        EXPECT_EQ(kiv_token_getSize(name, &size), KIV_ERR_OPEN);
+        EXPECT_EQ(kiv_token_getData(name, buffer, sizeof buffer, &size), KIV_ERR_OPEN);
+        EXPECT_EQ(size, 99U);
+        const bool bad_name = name == nullptr || name == too_long;
+        EXPECT_EQ(log.texts("ERRR").empty(), !bad_name) << "asking for a token that is missing is no error";
+    }
+}
+
+TEST_F(Tokens, PathHolds63Characters)
+{
+    const std::string fitting(63 - std::strlen(g_tokensPath) - 1, 'f');
+    scratch_.write(fitting, "x");
+    log_capture log;
+    EXPECT_EQ(kiv_token_isExist(fitting.c_str()), KIV_OK);
+    EXPECT_EQ(kiv_token_isExist((fitting + "f").c_str()), KIV_ERR_OPEN);
+    EXPECT_TRUE(log.has("ERRR", "not enough space provided by the user 64 / 64"));
+}
+
+TEST_F(Tokens, DirectoryComesFromTheConfiguration)
+{
+    const std::string file =
+        scratch_.write("conf.xml", zol_test::configuration("<systemTokensPath>" + std::string(80, 'p') +
+                                                           "</systemTokensPath>"));
+    kiv_token_deinit();
+    EXPECT_STREQ(g_tokensPath, "");
+    g_debugLevel = KIV_DEBUG_LEVEL_ALL;
+    {
+        log_capture log;
+        EXPECT_EQ(kiv_token_isExist("no such token"), KIV_ERR_OPEN);
+        EXPECT_TRUE(log.has("INF2", "open file: /no such token (nil)"))
+            << "at the root while there is no directory";
+        EXPECT_TRUE(log.has("PRNT", "isExist(no such token)"));
+    }
+    log_capture log;
+    EXPECT_EQ(kiv_token_init(), KIV_ERR_SYSTEM) << "no configuration is loaded";
+    ASSERT_EQ(kiv_config_init(file.c_str()), 1);
+    EXPECT_EQ(kiv_token_init(), KIV_OK);
+    EXPECT_EQ(g_tokensPath, std::string(63, 'p'));
+    EXPECT_TRUE(log.has("PRNT", "systemTokensPath (" + std::string(63, 'p') + ")"));
+    kiv_config_deinit();
+}
+
+TEST_F(Tokens, EveryFailureOnTheWayIsReported)
+{
+    const zol_test::sweep_result result = zol_test::sweep_faults([]() -> std::string {
+        log_capture log;
+        char buffer[16] = "";
+        uint32_t size = 0;
+        uint32_t read = 0;
+        int32_t worst = std::min(kiv_token_isExist("CAL"), kiv_token_getSize("CAL", &size));
+        worst = std::min(worst, kiv_token_getData("CAL", buffer, sizeof buffer, &read));
+        const bool complete = size == 10 && read == 10;
+        return (worst == KIV_OK) == zol_test::failed_call().empty() && (worst < 0 || complete) ? ""
+                                                                                               : "unreported";
+    });
+    EXPECT_EQ(result.complaints, "");
+    EXPECT_GE(result.failures, 12) << "open, fstat, fdopen of each, and their reads";
+}
+
+} // namespace

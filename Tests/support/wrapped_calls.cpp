@@ -1,0 +1,119 @@
+// The calls that the linker turns over to the tests (--wrap; the list in CMakeLists.txt is the same).
+
+#include <fcntl.h>
+#include <libxml/parser.h>
+#include <linux/i2c-dev.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <new>
+
+#include "support/fake_i2c.h"
+#include "support/fault_sweep.h"
+
+using zol_test::call_fails;
+
+// Declares the real call, and defines the wrapper of a call that fails with a result and an errno.
+#define WRAPPED(type, name, parameters, arguments, failure, error)                                           \
+    type __real_##name parameters;                                                                           \
+    type __wrap_##name parameters;                                                                           \
+    type __wrap_##name parameters                                                                            \
+    {                                                                                                        \
+        if (call_fails(#name)) {                                                                             \
+            errno = error;                                                                                   \
+            return failure;                                                                                  \
+        }                                                                                                    \
+        return __real_##name arguments;                                                                      \
+    }
+
+// Operator new that returns null: its mangled name depends on the width of size_t.
+#if __SIZEOF_SIZE_T__ == 8
+#    define NOTHROW_NEW _ZnwmRKSt9nothrow_t
+#else
+#    define NOTHROW_NEW _ZnwjRKSt9nothrow_t
+#endif
+#define WRAPPED_NAMED(...) WRAPPED(__VA_ARGS__)
+
+namespace
+{
+std::atomic<bool> g_read_failed{false};
+}
+
+extern "C" {
+
+WRAPPED(void *, malloc, (std::size_t size), (size), nullptr, ENOMEM)
+WRAPPED_NAMED(void *, NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag), (size, tag), nullptr,
+              ENOMEM)
+WRAPPED(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
+WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
+WRAPPED(FILE *, popen, (const char *command, const char *mode), (command, mode), nullptr, EMFILE)
+WRAPPED(int, fseek, (FILE * file, long offset, int whence), (file, offset, whence), -1, EIO)
+WRAPPED(long, ftell, (FILE * file), (file), -1, EIO)
+WRAPPED(int, stat, (const char *path, struct stat *status), (path, status), -1, EACCES)
+WRAPPED(int, fstat, (int fd, struct stat *status), (fd, status), -1, EIO)
+WRAPPED(int, clock_gettime, (clockid_t clock, timespec *ts), (clock, ts), -1, EINVAL)
+WRAPPED(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attributes),
+        (mutex, attributes), EAGAIN, 0)
+WRAPPED(xmlDoc *, xmlReadFile, (const char *path, const char *encoding, int options),
+        (path, encoding, options), nullptr, ENOMEM)
+WRAPPED(xmlDoc *, xmlReadMemory,
+        (const char *buffer, int size, const char *url, const char *encoding, int options),
+        (buffer, size, url, encoding, options), nullptr, ENOMEM)
+
+std::size_t __real_fread(void *data, std::size_t size, std::size_t count, FILE *file);
+std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file);
+std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file)
+{
+    g_read_failed = call_fails("fread");
+    if (g_read_failed) {
+        errno = EIO;
+        return 0;
+    }
+    return __real_fread(data, size, count, file);
+}
+
+int __real_ferror(FILE *file);
+int __wrap_ferror(FILE *file);
+int __wrap_ferror(FILE *file)
+{
+    return g_read_failed.exchange(false) ? 1 : __real_ferror(file);
+}
+
+int __real_open(const char *path, int flags, ...);
+int __wrap_open(const char *path, int flags, ...);
+int __wrap_open(const char *path, int flags,
+                ...) // the library creates no file, so there is no mode to pass on
+{
+    if (call_fails("open")) {
+        errno = EMFILE;
+        return -1;
+    }
+    return __real_open(path, flags);
+}
+
+int __real_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
+    if (call_fails("ioctl")) {
+        errno = EIO;
+        return -1;
+    }
+    if (zol_test::fake_i2c *const bus = zol_test::fake_i2c::installed();
+        bus != nullptr && request == I2C_RDWR) {
+        return bus->transfer(*static_cast<const i2c_rdwr_ioctl_data *>(argument));
+    }
+    return __real_ioctl(fd, request, argument);
+}
+
+} // extern "C"

@@ -6,21 +6,36 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <regex>
 
 namespace zol_test
 {
 
+namespace
+{
+
+bool parse_line(const std::string &text, log_line &line)
+{
+    char level[5] = "";
+    char function[64] = "";
+    int end = 0;
+    std::sscanf(text.c_str(), "T %*d.%*d \033[%*dm[%4[A-Z12]][   KIV   ]%63s %*d : \033[0m%n", level,
+                function, &end);
+    if (end == 0) {
+        return false;
+    }
+    line = {level, function, text.substr(static_cast<std::size_t>(end))};
+    return true;
+}
+
+} // namespace
+
 std::vector<log_line> parse_log(std::string_view output)
 {
-    static const std::regex line_format(
-        "T +(-?\\d+)\\.(\\d+) +\033\\[3[12]m\\[(\\w{4})\\]\\[   KIV   \\] *(\\S+) +(\\d+) : \033\\[0m(.*)");
     std::vector<log_line> lines;
     while (!output.empty()) {
         const std::size_t end = std::min(output.find('\n'), output.size());
-        const std::string line(output.substr(0, end));
-        if (std::smatch match; std::regex_match(line, match, line_format)) {
-            lines.push_back({match[3], match[4], match[6]});
+        if (log_line line; parse_line(std::string(output.substr(0, end)), line)) {
+            lines.push_back(line);
         }
         output.remove_prefix(std::min(end + 1, output.size()));
     }

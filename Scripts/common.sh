@@ -1,0 +1,78 @@
+# What the scripts share; sourced, not run. Leaves the shell in the top directory of the tree.
+# shellcheck shell=bash
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+readonly exit_no_packages=75 # the mirror's fault, not ours: try again later
+readonly logs=build/logs
+
+say() {
+    printf '%s\n' "$*"
+}
+
+fail() {
+    printf '%s: %s\n' "$(basename "$0" .sh)" "$*" >&2
+    exit 1
+}
+
+# quietly LABEL COMMAND...: runs a command with its output in a file, which is shown only when it fails.
+quietly() {
+    local label=$1
+    shift
+    mkdir -p "$logs"
+    local log="$logs/${label//[^a-zA-Z0-9]/-}.log"
+    say "- $label"
+    if ! "$@" > "$log" 2>&1; then
+        cat "$log" >&2
+        fail "$label failed (the output above is in $log)"
+    fi
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo > /dev/null; then
+        sudo "$@"
+    else
+        fail "needs root for '$*', and there is no sudo"
+    fi
+}
+
+missing_packages() {
+    local package
+    for package in "$@"; do
+        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2> /dev/null)" != installed ]; then
+            say "$package"
+        fi
+    done
+}
+
+apt_install() {
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -o Acquire::Retries=3 -qq update &&
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get -o Acquire::Retries=3 -qq -y \
+            --no-install-recommends install "$@"
+}
+
+# install_packages PACKAGE...: installs those that are missing. A mirror may be down for a while, so it is asked
+# several times.
+install_packages() {
+    local missing attempt
+    mapfile -t missing < <(missing_packages "$@")
+    [ ${#missing[@]} -gt 0 ] || return 0
+    command -v apt-get > /dev/null || fail "this is no Debian system; install the equivalents of: ${missing[*]}"
+    say "- installing ${missing[*]}"
+    mkdir -p "$logs"
+    for attempt in 1 2 3 4 5; do
+        if apt_install "${missing[@]}" > "$logs/apt.log" 2>&1; then
+            return 0
+        fi
+        sleep $((attempt * 5))
+    done
+    tail -n 5 "$logs/apt.log" >&2
+    say "the package mirror did not deliver ${missing[*]}; see $logs/apt.log" >&2
+    exit $exit_no_packages
+}
+
+# shellcheck disable=SC2034 # for the scripts that source this
+readonly build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libxml2-dev libfuse3-dev)

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Builds the tree and runs all of its tests; installs what is missing first. See --help.
+
+# shellcheck source=Scripts/common.sh
+source "$(dirname "$0")/common.sh"
+
+readonly default_presets=(release asan tsan)
+
+usage() {
+    cat << END
+usage: Scripts/test.sh [PRESET...]
+
+Installs what is missing, builds, and runs all tests, once per preset:
+  release  what is shipped: optimised and hardened
+  asan     under AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer
+  tsan     under ThreadSanitizer
+  debug, clang  other builds of the same
+Without a preset: ${default_presets[*]}. Tests on the virtual board are skipped, with the
+reason, where there is no FUSE. Exit status 0 when no test failed, 75 when the package mirror
+could not deliver.
+END
+}
+
+passed=0 failed=0 skipped=0
+
+# The attribute of the test run in a JUnit report.
+count() {
+    sed -n "s/.*\\b$1=\"\\([0-9]*\\)\".*/\\1/p; /<testcase/q" "$2" | head -n 1
+}
+
+run_tests() {
+    local preset=$1 report="$PWD/$logs/test-$1.xml" log="$logs/test-$1.log"
+    rm -f "$report"
+    say "- testing $preset"
+    ctest --preset "$preset" --output-junit "$report" > "$log" 2>&1 || true
+    [ -s "$report" ] || { cat "$log" >&2; fail "the tests of $preset did not run"; }
+    if [ "$(count failures "$report")" -gt 0 ]; then
+        cat "$log"
+    else
+        sed -n '/tests passed/,$p' "$log"
+    fi
+    local total failures skips
+    total=$(count tests "$report") failures=$(count failures "$report") skips=$(count skipped "$report")
+    passed=$((passed + total - failures - skips)) failed=$((failed + failures)) skipped=$((skipped + skips))
+}
+
+case ${1:-} in
+-h | --help)
+    usage
+    exit 0
+    ;;
+-*)
+    usage >&2
+    exit 2
+    ;;
+esac
+[ $# -gt 0 ] || set -- "${default_presets[@]}"
+
+say "Building libzol and running all of its tests: $*"
+install_packages "${build_packages[@]}" libgtest-dev
+for preset in "$@"; do
+    if [ "$preset" = clang ]; then
+        install_packages clang
+    fi
+    quietly "configuring $preset" cmake --preset "$preset"
+    quietly "building $preset" cmake --build --preset "$preset"
+    run_tests "$preset"
+done
+say "tests: $passed passed, $failed failed, $skipped skipped"
+[ "$failed" -eq 0 ]

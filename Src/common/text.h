@@ -27,8 +27,7 @@ inline void copy_bounded(char *dst, std::size_t size, const char *src) noexcept
         return;
     }
     const std::size_t length = std::min(std::strlen(src), size - 1);
-    std::memcpy(dst, src, length);
-    std::memset(dst + length, 0, size - length);
+    std::fill_n(std::copy_n(src, length, dst), size - length, '\0');
 }
 
 } // namespace kiv

@@ -96,6 +96,7 @@ int32_t kiv_xml_delete(struct _xmlDoc *doc)
 int32_t kiv_xml_scanElementContent(struct _xmlDoc *doc, const char *element, const char *format, ...)
 {
     xmlNode *node = nullptr;
+    KIV_ASSERT(format != nullptr);
     const int32_t status = format != nullptr ? find_element(doc, element, node) : KIV_ERR_INVALID_PARAM;
     if (status != KIV_OK) {
         return status;
@@ -114,6 +115,7 @@ int32_t kiv_xml_scanAttribute(struct _xmlDoc *doc, const char *element, const ch
 {
     xmlNode *node = nullptr;
     const bool complete = attribute != nullptr && format != nullptr;
+    KIV_ASSERT(complete);
     const int32_t status = complete ? find_element(doc, element, node) : KIV_ERR_INVALID_PARAM;
     if (status != KIV_OK) {
         return status;

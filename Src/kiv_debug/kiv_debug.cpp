@@ -60,7 +60,7 @@ char *blanks_until(char *at, const char *until) noexcept
 // "T %3d.%-3d ", by hand: the general formatter costs as much again as the rest of a line.
 void format_timestamp(timestamp_text &text, const elapsed_time &elapsed) noexcept
 {
-    char digits[24];
+    char digits[24] = {};
     const char *const digits_end = std::to_chars(digits, digits + sizeof digits, elapsed.seconds).ptr;
     char *at = text;
     *at++ = 'T';

@@ -15,6 +15,7 @@ Installs what is missing, builds, and runs all tests, once per preset:
   asan     under AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer
   tsan     under ThreadSanitizer
   debug, clang  other builds of the same
+  fuzz     the fuzz targets, half a minute each (needs clang)
 Without a preset: ${default_presets[*]}. Tests on the virtual board are skipped, with the
 reason, where there is no FUSE. Exit status 0 when no test failed, 75 when the package mirror
 could not deliver.
@@ -59,8 +60,8 @@ esac
 say "Building libzol and running all of its tests: $*"
 install_packages "${build_packages[@]}" libgtest-dev
 for preset in "$@"; do
-    if [ "$preset" = clang ]; then
-        install_packages clang
+    if [ "$preset" = clang ] || [ "$preset" = fuzz ]; then
+        install_packages clang libclang-rt-14-dev
     fi
     quietly "configuring $preset" cmake --preset "$preset"
     quietly "building $preset" cmake --build --preset "$preset"

@@ -1,13 +1,13 @@
 #include "zol/kiv_config.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "support/fake_chooser.h"
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/scratch.h"
@@ -225,17 +225,35 @@ TEST_F(Config, EntitiesAreNotWalkedInto)
     EXPECT_EQ(text("hidden"), "not found");
 }
 
-TEST_F(Config, MissingFileWithoutChooser)
+TEST_F(Config, TheChooserNamesTheFileWhereItIsMissing)
 {
-    struct stat status = {};
-    if (stat("/usr/bin/zol_choose_conf.sh", &status) == 0) {
-        GTEST_SKIP() << "this machine has a chooser script of its own";
-    }
-    log_capture log;
     const std::string missing = scratch_.path() / "missing.xml";
-    EXPECT_EQ(kiv_config_init(missing.c_str()), -1);
-    EXPECT_TRUE(log.has("ERRR", "no configuration: " + missing +
-                                    " does not exist and /usr/bin/zol_choose_conf.sh names no other"));
+    const std::string good = scratch_.write("good.xml", zol_test::configuration("<p>chosen</p>"));
+    const std::string nameless =
+        "no configuration: " + missing + " does not exist and /usr/bin/zol_choose_conf.sh names no other";
+    const std::string cut = std::string(255, 'x');
+    const struct {
+        std::string script;
+        int32_t result;
+        std::string error;
+    } cases[] = {
+        {"echo; echo '  " + good + " and more'", 1, ""},
+        {"echo " + good + "; while :; do echo more; done", 1, ""}, // ends when nobody reads on
+        {"exit 0", -1, nameless},
+        {"/nowhere/no_such_script 2>/dev/null", -1, nameless},
+        {"echo /nowhere/else.xml", 0, "can't open file /nowhere/else.xml"},
+        {"printf 'x%.0s' $(seq 1000)", 0, "can't open file " + cut},
+    };
+    for (const auto &[script, result, error] : cases) {
+        const zol_test::fake_chooser chooser(script);
+        g_debugLevel = 2;
+        log_capture log;
+        EXPECT_EQ(kiv_config_init(missing.c_str()), result) << script;
+        EXPECT_EQ(log.has("ERRR", error), result < 1) << script;
+        EXPECT_EQ(text("p"), result == 1 ? "chosen" : "not found");
+        EXPECT_EQ(log.has("PRNT", "reading file " + good), result == 1);
+        kiv_config_deinit();
+    }
 }
 
 TEST_F(Config, EveryFailureOnTheWayIsReported)
@@ -252,7 +270,17 @@ TEST_F(Config, EveryFailureOnTheWayIsReported)
         return failed == reported && (failed || value == 7) ? "" : "unreported";
     });
     EXPECT_EQ(result.complaints, "");
-    EXPECT_GE(result.failures, 2) << "stat and the parser";
+    EXPECT_EQ(result.failures, 2) << "stat and the parser";
+    const zol_test::fake_chooser chooser("echo " + file);
+    const zol_test::sweep_result chosen = zol_test::sweep_faults([this]() -> std::string {
+        log_capture log;
+        const int32_t loaded = kiv_config_init((scratch_.path() / "missing.xml").c_str());
+        kiv_config_deinit();
+        const bool failed = !zol_test::failed_call().empty();
+        return failed == (loaded < 1) && failed != log.texts("ERRR").empty() ? "" : "unreported";
+    });
+    EXPECT_EQ(chosen.complaints, "");
+    EXPECT_EQ(chosen.failures, 3) << "stat, the script and the parser";
 }
 
 class Xml : public testing::Test

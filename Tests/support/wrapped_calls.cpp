@@ -14,6 +14,7 @@
 #include <ctime>
 #include <new>
 
+#include "support/fake_chooser.h"
 #include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 
@@ -52,7 +53,8 @@ WRAPPED_NAMED(void *, NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag)
               ENOMEM)
 WRAPPED(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
 WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
-WRAPPED(FILE *, popen, (const char *command, const char *mode), (command, mode), nullptr, EMFILE)
+WRAPPED(FILE *, popen, (const char *command, const char *mode),
+        (zol_test::fake_chooser::instead_of(command), mode), nullptr, EMFILE)
 WRAPPED(int, fseek, (FILE * file, long offset, int whence), (file, offset, whence), -1, EIO)
 WRAPPED(long, ftell, (FILE * file), (file), -1, EIO)
 WRAPPED(int, stat, (const char *path, struct stat *status), (path, status), -1, EACCES)

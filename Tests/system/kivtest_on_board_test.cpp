@@ -18,7 +18,7 @@ constexpr char board_xml[] = R"(<board>
   </bus>
   <bus number="4">
     <device name="sensor" address="0x18" registers="8"><at register="0x0f" bytes="33"/></device>
-    <device name="mute" address="0x19" registers="8" refuse="all"/>
+    <device name="mute" address="0x19" registers="8" refuses="all"/>
   </bus>
 </board>)";
 

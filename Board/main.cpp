@@ -1,0 +1,401 @@
+// kivboard: the command line of the virtual board.
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "board.h"
+
+namespace
+{
+
+using kivboard::sandbox_plan;
+using words = std::vector<std::string>;
+
+constexpr int exit_usage = 2;
+constexpr int exit_cannot_run =
+    77; // a board cannot run on this machine: what test runners take for "skipped"
+constexpr int exit_no_command = 127;
+
+constexpr char usage_text[] =
+    "usage: kivboard run [OPTION...] -- COMMAND [ARGUMENT...]\n"
+    "       kivboard peek|poke|journal ...\n"
+    "       kivboard check\n"
+    "\n"
+    "run starts a virtual board and runs COMMAND on it: in a file system of its own, in which the\n"
+    "board's device nodes exist, and /var/log/zol, /media/internal and /etc/kiv are writable.\n"
+    "  --board FILE          the board's devices (else Conf/kiv_board.xml, the installed one, or\n"
+    "                        /etc/kiv/kiv_board.xml, the first that exists)\n"
+    "  --conf FILE           shows FILE as /etc/kiv/conf.xml\n"
+    "  --bind SOURCE:TARGET  shows a file or directory of the machine at another place\n"
+    "  --socket PATH         where the board answers the commands below\n"
+    "\n"
+    "From inside COMMAND or from another terminal (--socket PATH right after the command, else\n"
+    "$KIVBOARD_SOCKET, else the default):\n"
+    "  peek BUS ADDRESS REGISTER [COUNT]    shows registers of a device\n"
+    "  poke BUS ADDRESS REGISTER VALUE...   sets them\n"
+    "  journal [--follow]                   shows every transfer and poke, a line each:\n"
+    "                                         1 i2c-4 0x18 W[0f] R[33] ok\n"
+    "                                         2 i2c-4 0x55 W[0f] R[1 bytes] no answer\n"
+    "                                         3 i2c-4 0x18 poke 0x0f=[2a]\n"
+    "\n"
+    "check tells, by its exit status and one line, whether a board can run on this machine.\n"
+    "\n"
+    "Numbers are decimal, or hexadecimal with 0x. Exit status: that of COMMAND (128 + N when signal\n"
+    "N ended it), 1 for a refused request, 2 for a wrong usage or board file, 77 when a board cannot\n"
+    "run here.\n";
+
+int usage_error(const std::string &what)
+{
+    std::fprintf(stderr, "kivboard: %s; see kivboard --help\n", what.c_str());
+    return exit_usage;
+}
+
+int complain(int status, const std::string &what)
+{
+    std::fprintf(stderr, "kivboard: %s\n", what.c_str());
+    return status;
+}
+
+std::string default_socket()
+{
+    const char *const runtime = std::getenv("XDG_RUNTIME_DIR");
+    return std::string(runtime != nullptr && *runtime != '\0' ? runtime : "/tmp") + "/kivboard-" +
+           std::to_string(getuid()) + ".sock";
+}
+
+std::string default_board_file()
+{
+    for (const char *const candidate :
+         {"Conf/kiv_board.xml", KIVBOARD_DEFAULT_FILE, "/etc/kiv/kiv_board.xml"}) {
+        if (access(candidate, R_OK) == 0) {
+            return candidate;
+        }
+    }
+    return "Conf/kiv_board.xml";
+}
+
+struct run_options {
+    std::string board_file = default_board_file();
+    std::string socket;
+    std::vector<kivboard::bind_graft> binds;
+    words command;
+    std::string mistake;
+};
+
+bool add_bind(run_options &options, const std::string &source, const std::string &target)
+{
+    std::error_code error;
+    const std::string absolute = std::filesystem::canonical(source, error);
+    if (error || !target.starts_with('/')) {
+        options.mistake = error ? "can't show " + source + ": " + error.message()
+                                : "the target must be an absolute path: " + target;
+        return false;
+    }
+    options.binds.push_back({absolute, target});
+    return true;
+}
+
+bool set_board(run_options &options, const std::string &value)
+{
+    options.board_file = value;
+    return true;
+}
+
+bool set_socket(run_options &options, const std::string &value)
+{
+    options.socket = value;
+    return true;
+}
+
+bool set_conf(run_options &options, const std::string &value)
+{
+    return add_bind(options, value, "/etc/kiv/conf.xml");
+}
+
+bool set_bind(run_options &options, const std::string &value)
+{
+    const std::size_t colon = value.find(':');
+    if (colon == std::string::npos) {
+        options.mistake = "--bind needs SOURCE:TARGET";
+        return false;
+    }
+    return add_bind(options, value.substr(0, colon), value.substr(colon + 1));
+}
+
+constexpr struct {
+    const char *name;
+    bool (*set)(run_options &, const std::string &value);
+} run_option_table[] = {
+    {"--board", set_board}, {"--socket", set_socket}, {"--conf", set_conf}, {"--bind", set_bind}};
+
+bool apply_run_option(run_options &options, const std::string &name, const words &arguments,
+                      std::size_t &next)
+{
+    for (const auto &[known, set] : run_option_table) {
+        if (name == known && next < arguments.size()) {
+            return set(options, arguments[next++]);
+        }
+        if (name == known) {
+            options.mistake = name + " needs a value";
+            return false;
+        }
+    }
+    options.mistake = "run does not know " + name;
+    return false;
+}
+
+run_options parse_run(const words &arguments)
+{
+    run_options options;
+    std::size_t next = 0;
+    while (next < arguments.size() && arguments[next].starts_with("--")) {
+        const std::string name = arguments[next++];
+        if (name == "--" || !apply_run_option(options, name, arguments, next)) {
+            break;
+        }
+    }
+    options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(next), arguments.end());
+    if (options.mistake.empty() && options.command.empty()) {
+        options.mistake = "run needs a COMMAND";
+    }
+    return options;
+}
+
+// Sends a descriptor over a socket.
+void hand_over(int fd, int channel)
+{
+    char data = 0;
+    iovec part{&data, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr *const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
+    sendmsg(channel, &message, MSG_NOSIGNAL);
+    close(fd);
+}
+
+kiv::unique_fd take_over(int channel)
+{
+    char data = 0;
+    iovec part{&data, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t got = 0;
+    do {
+        got = recvmsg(channel, &message, MSG_CMSG_CLOEXEC);
+    } while (got < 0 && errno == EINTR);
+    const cmsghdr *const header = got > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+    int fd = -1;
+    if (header != nullptr && header->cmsg_type == SCM_RIGHTS) {
+        std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+    }
+    return kiv::unique_fd(fd);
+}
+
+[[noreturn]] void become_command(const run_options &options, const sandbox_plan &plan, int channel,
+                                 const sigset_t &former_mask)
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM); // nothing works here any more once the board is gone
+    std::string problem = kivboard::enter_namespaces();
+    if (problem.empty()) {
+        problem = kivboard::graft(plan, hand_over, channel);
+    }
+    if (!problem.empty()) {
+        _exit(complain(exit_cannot_run, problem));
+    }
+    setenv("KIVBOARD_SOCKET", options.socket.c_str(), 1);
+    sigprocmask(SIG_SETMASK, &former_mask, nullptr);
+    std::vector<char *> arguments;
+    for (const std::string &word : options.command) {
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    _exit(complain(exit_no_command, options.command[0] + ": " + std::strerror(errno)));
+}
+
+int exit_status(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int serve_command(kivboard::running_board &board, pid_t command, int channel, int signal_fd)
+{
+    const kiv::unique_fd fuse = take_over(channel);
+    if (!fuse.is_open()) { // the child has said why
+        int status = 0;
+        waitpid(command, &status, 0);
+        return exit_status(status);
+    }
+    if (!board.files().attach(fuse.get())) {
+        kill(command, SIGKILL);
+        return complain(1, "can't serve the board's file system");
+    }
+    return exit_status(board.serve(command, fuse.get(), signal_fd));
+}
+
+int run_on(kivboard::running_board &board, const run_options &options)
+{
+    const sandbox_plan plan{board.grafts(), {"/var/log/zol", "/media/internal", "/etc/kiv"}, options.binds};
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return complain(1, std::strerror(errno));
+    }
+    const kiv::unique_fd ours(ends[0]);
+    kiv::unique_fd theirs(ends[1]);
+    sigset_t handled;
+    sigset_t former;
+    sigemptyset(&handled);
+    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&handled, signal);
+    }
+    sigprocmask(SIG_BLOCK, &handled, &former);
+    const kiv::unique_fd signals(signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        become_command(options, plan, theirs.get(), former);
+    }
+    theirs.reset();
+    if (child < 0) {
+        return complain(1, std::strerror(errno));
+    }
+    return serve_command(board, child, ours.get(), signals.get());
+}
+
+// Without a path of its own a board takes the default one, and where that is taken, one of its own making.
+std::string choose_socket(const std::string &wanted)
+{
+    const std::string path = wanted.empty() ? default_socket() : wanted;
+    if (!wanted.empty() || !kivboard::is_board_at(path)) {
+        return path;
+    }
+    return path.substr(0, path.size() - std::strlen(".sock")) + "-" + std::to_string(getpid()) + ".sock";
+}
+
+int command_run(const words &arguments)
+{
+    run_options options = parse_run(arguments);
+    if (!options.mistake.empty()) {
+        return usage_error(options.mistake);
+    }
+    std::string problem;
+    const std::optional<kivboard::board_description> description =
+        kivboard::read_board_file(options.board_file, problem);
+    if (!description) {
+        return complain(exit_usage, problem);
+    }
+    options.socket = choose_socket(options.socket);
+    kivboard::running_board board(*description);
+    problem = board.control().listen(options.socket);
+    return problem.empty() ? run_on(board, options) : complain(1, problem);
+}
+
+int command_check(const words &arguments)
+{
+    if (!arguments.empty()) {
+        return usage_error("check takes no arguments");
+    }
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        std::string problem = kivboard::enter_namespaces();
+        int fuse_fd = -1;
+        if (problem.empty()) {
+            problem = kivboard::mount_fuse("/dev", fuse_fd);
+        }
+        _exit(problem.empty() ? 0
+                              : complain(exit_cannot_run, "a virtual board cannot run here: it " + problem));
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return exit_status(status);
+}
+
+int ask(const char *request, const words &arguments)
+{
+    std::size_t first = 0;
+    const char *const inherited = std::getenv("KIVBOARD_SOCKET");
+    std::string socket = inherited != nullptr ? inherited : default_socket();
+    if (arguments.size() >= 2 && arguments[0] == "--socket") {
+        socket = arguments[1];
+        first = 2;
+    }
+    words line = {request};
+    line.insert(line.end(), arguments.begin() + static_cast<std::ptrdiff_t>(first), arguments.end());
+    return kivboard::ask_board(socket, line);
+}
+
+int command_peek(const words &arguments)
+{
+    return arguments.size() < 3 ? usage_error("peek needs BUS ADDRESS REGISTER [COUNT]")
+                                : ask("peek", arguments);
+}
+
+int command_poke(const words &arguments)
+{
+    return arguments.size() < 4 ? usage_error("poke needs BUS ADDRESS REGISTER VALUE...")
+                                : ask("poke", arguments);
+}
+
+int command_journal(const words &arguments)
+{
+    return ask("journal", arguments);
+}
+
+int command_help(const words &)
+{
+    std::fputs(usage_text, stdout);
+    return 0;
+}
+
+int command_version(const words &)
+{
+    std::puts("kivboard " KIVBOARD_VERSION);
+    return 0;
+}
+
+constexpr struct {
+    const char *name;
+    int (*run)(const words &arguments);
+} commands[] = {{"run", command_run},   {"check", command_check},      {"peek", command_peek},
+                {"poke", command_poke}, {"journal", command_journal},  {"--help", command_help},
+                {"-h", command_help},   {"--version", command_version}};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const words arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+    for (const auto &[name, run] : commands) {
+        if (!arguments.empty() && arguments[0] == name) {
+            return run(words(arguments.begin() + 1, arguments.end()));
+        }
+    }
+    return usage_error(arguments.empty() ? "a command is needed" : "there is no command " + arguments[0]);
+}

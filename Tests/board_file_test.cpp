@@ -1,0 +1,94 @@
+#include "board_file.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/scratch.h"
+
+namespace
+{
+
+class BoardFile : public testing::Test
+{
+protected:
+    std::optional<kivboard::board_description> read(const std::string &xml)
+    {
+        path_ = scratch_.write("board.xml", xml);
+        return kivboard::read_board_file(path_, error_);
+    }
+
+    zol_test::scratch_directory scratch_;
+    std::string path_;
+    std::string error_;
+};
+
+TEST_F(BoardFile, DescribesBusesAndDevices)
+{
+    const auto board =
+        read("<board><bus number='2'><device name='e' address='0x50' registers='16' size='0x800'"
+             " refuses='writes' fails_after='3'><at register='16' bytes='DE ad\n0'/></device>"
+             "<device address='24'/></bus><bus number='0'/></board>");
+    ASSERT_TRUE(board) << error_;
+    ASSERT_EQ(board->buses.size(), 2U);
+    EXPECT_EQ(board->buses[0].number, 2U);
+    ASSERT_EQ(board->buses[0].devices.size(), 2U);
+    const kivboard::device_description &device = board->buses[0].devices[0];
+    EXPECT_EQ(device.name, "e");
+    EXPECT_EQ(device.address, 0x50);
+    EXPECT_EQ(device.register_bits, 16U);
+    EXPECT_EQ(device.size, 0x800U);
+    EXPECT_EQ(device.refuses, kivboard::refusal::writes);
+    EXPECT_EQ(device.fails_after, 3U);
+    EXPECT_EQ(device.contents[0].at, 16U);
+    EXPECT_EQ(device.contents[0].bytes, (std::vector<std::uint8_t>{0xde, 0xad, 0}));
+    EXPECT_EQ(board->buses[0].devices[1].size, 256U);
+}
+
+TEST_F(BoardFile, MistakesAreNamedWithTheirLine)
+{
+    const struct {
+        const char *xml;
+        const char *error;
+    } cases[] = {
+        {"<board>\n<bus number='1'></board>", ":2: Opening and ending tag mismatch: bus line 2 and board"},
+        {"", ":1: Document is empty"},
+        {"<boards/>", ":1: the root element is <boards>, but must be <board>"},
+        {"<board>\n<device/></board>", ":2: <board> holds no <device>"},
+        {"<board><bus/></board>", ":1: <bus> needs the attribute \"number\""},
+        {"<board><bus number='10'/></board>", ":1: number is \"10\", but must be a number from 0 to 9"},
+        {"<board><bus number='1x'/></board>", ":1: number is \"1x\", but must be a number from 0 to 9"},
+        {"<board><bus number='1'/>\n<bus number='1'/></board>", ":2: there is another bus of this number"},
+        {"<board><bus number='1' speed='9'/></board>", ":1: <bus> has no attribute \"speed\""},
+        {"<board><bus number='1'><device address='0x80'/></bus></board>",
+         ":1: address is \"0x80\", but must be a number from 3 to 119"},
+        {"<board><bus number='1'><device address='9'/>\n<device address='0x9'/></bus></board>",
+         ":2: there is another device at this address on bus 1"},
+        {"<board><bus number='1'><device address='9' registers='9'/></bus></board>",
+         ":1: registers must be 8 or 16, the width of a register address in bits"},
+        {"<board><bus number='1'><device address='9' size='257'/></bus></board>",
+         ":1: size is \"257\", but must be a number from 1 to 256"},
+        {"<board><bus number='1'><device address='9' refuses='work'/></bus></board>",
+         ":1: refuses is \"work\", but must be all, reads or writes"},
+        {"<board><bus number='1'><device address='9'><at register='1'/></device></bus></board>",
+         ":1: <at> needs the attribute \"bytes\" with at least one byte"},
+        {"<board><bus number='1'><device address='9'><at register='1' bytes='100'/></device></bus></board>",
+         ":1: \"100\" is no byte; bytes are written like \"0f a5\""},
+        {"<board><bus number='1'><device name='d' address='9'><at register='255' bytes='1 "
+         "2'/></device></bus></board>",
+         ":1: the bytes reach beyond the last register of d"},
+    };
+    for (const auto &[xml, error] : cases) {
+        EXPECT_FALSE(read(xml)) << xml;
+        EXPECT_EQ(error_, path_ + error);
+    }
+    EXPECT_FALSE(kivboard::read_board_file("/nowhere.xml", error_));
+    EXPECT_EQ(error_, "/nowhere.xml:0: failed to load external entity \"/nowhere.xml\"");
+}
+
+TEST_F(BoardFile, TheShippedBoardIsGood)
+{
+    EXPECT_TRUE(kivboard::read_board_file("Conf/kiv_board.xml", error_)) << error_;
+}
+
+} // namespace

@@ -83,6 +83,7 @@ bool board_fs::attach(int fuse_fd)
     char *arguments[] = {name, nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, arguments);
     session_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
+    fuse_opt_free_args(&args); // parsing made a copy of them
     const std::string mounted = "/dev/fd/" + std::to_string(fuse_fd);
     return session_ != nullptr && fuse_session_mount(session_.get(), mounted.c_str()) == 0;
 }

@@ -61,6 +61,11 @@ xmlNode *next_in_search(xmlNode *node, const xmlNode *above) noexcept
     return node->next;
 }
 
+bool is_named(const xmlNode *node, const char *name) noexcept
+{
+    return node->name != nullptr && std::strcmp(kiv::xml::text_of(node->name), name) == 0;
+}
+
 } // namespace
 
 xmlNode *_kiv_config_getElement(xmlNode *node, const char *name, const char * /*id*/) noexcept
@@ -69,8 +74,7 @@ xmlNode *_kiv_config_getElement(xmlNode *node, const char *name, const char * /*
         return nullptr;
     }
     const xmlNode *const above = node->parent;
-    const xmlChar *const wanted = kiv::xml::to_xml(name);
-    while (node != nullptr && xmlStrcmp(node->name, wanted) != 0) {
+    while (node != nullptr && !is_named(node, name)) {
         node = next_in_search(node, above);
     }
     return node;

@@ -1,0 +1,179 @@
+// Register reads and writes beside the bare ioctl on the same descriptor: on the virtual board, where a
+// transfer costs what a trip through a user-space file system costs, and on a stand-in, a system call that
+// does next to nothing, which shows what the library itself adds.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <string>
+
+#include "table.h"
+#include "zol/zol.h"
+
+namespace
+{
+
+constexpr uint16_t device_address = 0x18;
+constexpr uint8_t device_register = 0x30;
+
+bool g_stand_in;
+
+// Keeps the program on the core that the virtual board runs on, as long as it exists: waking an idle second
+// core takes several times as long as a transfer, at random, and says nothing about the library.
+class on_the_board_s_core
+{
+public:
+    on_the_board_s_core()
+    {
+        cpu_set_t first;
+        CPU_ZERO(&first);
+        CPU_SET(0, &first);
+        sched_getaffinity(0, sizeof former_, &former_);
+        sched_setaffinity(0, sizeof first, &first);
+    }
+    ~on_the_board_s_core() { sched_setaffinity(0, sizeof former_, &former_); }
+    on_the_board_s_core(const on_the_board_s_core &) = delete;
+    on_the_board_s_core &operator=(const on_the_board_s_core &) = delete;
+
+private:
+    cpu_set_t former_;
+};
+
+// An open device, with the library started as an application would.
+class device
+{
+public:
+    device(benchmark::State &state, bool stand_in)
+    {
+        g_stand_in = stand_in;
+        char path[] = "/tmp/zol-bench-XXXXXX";
+        const int file = mkstemp(path);
+        const std::string node = stand_in ? path : "/dev/i2c-4";
+        const std::string xml = "<c><devices><general><configName>b</configName><debugLevel>1</debugLevel>"
+                                "<systemTokensPath>/</systemTokensPath><i2c_buses_num>4</i2c_buses_num>"
+                                "<i2c_bus_4_dev>" +
+                                node + "</i2c_bus_4_dev></general></devices></c>";
+        const bool written = write(file, xml.data(), xml.size()) == static_cast<ssize_t>(xml.size());
+        close(file);
+        if (!written || zol_init(path) != KIV_OK || kiv_i2c_open(&handle, 4, device_address) != KIV_OK) {
+            state.SkipWithError("no I2C device; run on the virtual board");
+        }
+        unlink(path);
+    }
+    ~device()
+    {
+        kiv_i2c_close(&handle);
+        zol_deinit();
+    }
+    device(const device &) = delete;
+    device &operator=(const device &) = delete;
+
+    kiv_i2c_handle handle = {};
+
+private:
+    on_the_board_s_core pinned_;
+};
+
+void finish(benchmark::State &state, unsigned long allocations_before)
+{
+    if (zol_bench::allocations() != allocations_before) {
+        state.SkipWithError("a transfer allocates");
+    }
+}
+
+template <bool stand_in>
+void read_ours(benchmark::State &state)
+{
+    device opened(state, stand_in);
+    uint8_t value = 0;
+    const unsigned long before = zol_bench::allocations();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(kiv_i2c_read_reg8(&opened.handle, device_register, 1, &value));
+    }
+    finish(state, before);
+}
+
+template <bool stand_in>
+void read_bare(benchmark::State &state)
+{
+    device opened(state, stand_in);
+    uint8_t value = 0;
+    for (auto _ : state) {
+        uint8_t reg = device_register;
+        i2c_msg messages[] = {{device_address, 0, 1, &reg}, {device_address, I2C_M_RD, 1, &value}};
+        i2c_rdwr_ioctl_data request = {messages, 2};
+        benchmark::DoNotOptimize(ioctl(opened.handle.fd, I2C_RDWR, &request));
+    }
+}
+
+template <bool stand_in>
+void write_ours(benchmark::State &state)
+{
+    device opened(state, stand_in);
+    const uint8_t value = 0x5a;
+    const unsigned long before = zol_bench::allocations();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(kiv_i2c_write_reg8(&opened.handle, device_register, 1, &value));
+    }
+    finish(state, before);
+}
+
+template <bool stand_in>
+void write_bare(benchmark::State &state)
+{
+    device opened(state, stand_in);
+    for (auto _ : state) {
+        uint8_t bytes[] = {device_register, 0x5a};
+        i2c_msg message = {device_address, 0, 2, bytes};
+        i2c_rdwr_ioctl_data request = {&message, 1};
+        benchmark::DoNotOptimize(ioctl(opened.handle.fd, I2C_RDWR, &request));
+    }
+}
+
+// A trip through the board takes long and varies much: many short repetitions find the undisturbed ones.
+void on_the_board(benchmark::internal::Benchmark *benchmark)
+{
+    benchmark->Repetitions(150)->Iterations(400);
+}
+
+BENCHMARK(read_ours<false>)->Name("i2c/read/ours")->Apply(on_the_board);
+BENCHMARK(read_bare<false>)->Name("i2c/read/bare")->Apply(on_the_board);
+BENCHMARK(write_ours<false>)->Name("i2c/write/ours")->Apply(on_the_board);
+BENCHMARK(write_bare<false>)->Name("i2c/write/bare")->Apply(on_the_board);
+BENCHMARK(read_ours<true>)->Name("i2c_stand_in/read/ours");
+BENCHMARK(read_bare<true>)->Name("i2c_stand_in/read/bare");
+BENCHMARK(write_ours<true>)->Name("i2c_stand_in/write/ours");
+BENCHMARK(write_bare<true>)->Name("i2c_stand_in/write/bare");
+
+const bool added = zol_bench::add_rows({
+    {"kiv_i2c_read_reg8 : bare ioctl, virtual board", "i2c/read/ours", "i2c/read/bare", 1.02},
+    {"kiv_i2c_write_reg8 : bare ioctl, virtual board", "i2c/write/ours", "i2c/write/bare", 1.02},
+    {"kiv_i2c_read_reg8 : a system call that does nothing", "i2c_stand_in/read/ours",
+     "i2c_stand_in/read/bare"},
+    {"kiv_i2c_write_reg8 : a system call that does nothing", "i2c_stand_in/write/ours",
+     "i2c_stand_in/write/bare"},
+});
+
+} // namespace
+
+// Stands before the C library's, for the library and for the bare calls alike.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
+    if (g_stand_in && request == I2C_RDWR) {
+        syscall(SYS_getppid);
+        return static_cast<int>(static_cast<i2c_rdwr_ioctl_data *>(argument)->nmsgs);
+    }
+    return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+}

@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Measures the library beside the bare calls and beside its peers. See --help.
+
+# shellcheck source=Scripts/common.sh
+source "$(dirname "$0")/common.sh"
+
+readonly bin=build/bench/bin
+
+usage() {
+    cat << END
+usage: Scripts/bench.sh [BENCHMARK-OPTION...]
+
+Installs what is missing, builds, and measures everything in one run: times in ns of the
+library and of what it is compared with, and their ratio; then instructions, memory and size.
+A goal that is missed is shown as such; the exit status tells only whether all of it ran.
+Options go on to the benchmark program, for example --benchmark_filter=log.
+END
+}
+
+# How many instructions the operation executes in all, COUNT times.
+collected() {
+    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$bin/zol_repeat" "$1" "$2" 2>&1 |
+        sed -n 's/.*Collected : //p'
+}
+
+# Instructions of one execution.
+instructions() {
+    local few many
+    few=$(collected "$1" 1000)
+    many=$(collected "$1" 11000)
+    echo $(((many - few) / 10000))
+}
+
+verdict() {
+    if [ "$1" -le "$2" ]; then echo met; else echo "NOT MET"; fi
+}
+
+more_instructions() { # WHAT OURS BARE GOAL
+    local more=$(($(instructions "$2") - $(instructions "$3")))
+    printf '%-58s %12d %28d  %s\n' "$1" "$more" "$4" "$(verdict "$more" "$4")"
+}
+
+case ${1:-} in
+-h | --help)
+    usage
+    exit 0
+    ;;
+esac
+
+say "Measuring libzol: a minute or two"
+install_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev libpugixml-dev valgrind binutils
+quietly "configuring" cmake --preset bench
+quietly "building" cmake --build --preset bench
+say ""
+
+if "$bin/kivboard" check; then
+    # The board stays on one core, where the I2C benchmarks join it; the others have all cores.
+    taskset -c 0 "$bin/kivboard" run -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@"
+else
+    "$bin/zol_bench" --benchmark_filter='-^i2c/' "$@"
+fi
+
+printf '\n%-58s %12s %28s\n' "instructions on top, per call" "more" "goal"
+more_instructions "kiv_i2c_read_reg8 over the bare ioctl" read_ours read_bare 150
+more_instructions "kiv_i2c_write_reg8 over the bare ioctl" write_ours write_bare 150
+more_instructions "a disabled log entry over an empty function" disabled_log nothing 3
+
+printf '\n'
+"$bin/zol_footprint"
+strip -o "$logs/libzol.stripped" build/bench/lib/libzol.so
+printf '%-58s %12d bytes\n' "libzol.so, stripped" "$(stat -c %s "$logs/libzol.stripped")"

@@ -75,6 +75,14 @@ TEST_F(OnBoard, WritesArriveAndAreJournalled)
     EXPECT_TRUE(says(result, "i2c-1 0x50 W[02 34 a5] ok")) << result.out;
 }
 
+TEST_F(OnBoard, ExampleReadsARegister)
+{
+    const command_result result = on_board(READ_REGISTER_EXAMPLE " Conf/kiv_test.xml");
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_TRUE(says(result, "the sensor says that it is a 0x33\nits calibration has 80 bytes\n"))
+        << result.out;
+}
+
 TEST_F(OnBoard, DevicesThatDoNotAnswerAreReported)
 {
     for (const std::string address : {"0x19", "0x55"}) {

@@ -175,44 +175,47 @@ run_options parse_run(const words &arguments)
     return options;
 }
 
-// Sends a descriptor over a socket.
-void hand_over(int fd, int channel)
-{
+// A message that carries one descriptor over a socket.
+struct descriptor_message {
+    descriptor_message()
+    {
+        header.msg_iov = &part;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+    }
+    descriptor_message(const descriptor_message &) = delete;
+    descriptor_message &operator=(const descriptor_message &) = delete;
+
     char data = 0;
     iovec part{&data, 1};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr *const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
-    sendmsg(channel, &message, MSG_NOSIGNAL);
+    msghdr header = {};
+};
+
+void hand_over(int fd, int channel)
+{
+    descriptor_message message;
+    cmsghdr *const rights = CMSG_FIRSTHDR(&message.header);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(rights), &fd, sizeof fd);
+    sendmsg(channel, &message.header, MSG_NOSIGNAL);
     close(fd);
 }
 
 kiv::unique_fd take_over(int channel)
 {
-    char data = 0;
-    iovec part{&data, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    descriptor_message message;
     ssize_t got = 0;
     do {
-        got = recvmsg(channel, &message, MSG_CMSG_CLOEXEC);
+        got = recvmsg(channel, &message.header, MSG_CMSG_CLOEXEC);
     } while (got < 0 && errno == EINTR);
-    const cmsghdr *const header = got > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+    const cmsghdr *const rights = got > 0 ? CMSG_FIRSTHDR(&message.header) : nullptr;
     int fd = -1;
-    if (header != nullptr && header->cmsg_type == SCM_RIGHTS) {
-        std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+    if (rights != nullptr && rights->cmsg_type == SCM_RIGHTS) {
+        std::memcpy(&fd, CMSG_DATA(rights), sizeof fd);
     }
     return kiv::unique_fd(fd);
 }

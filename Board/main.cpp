@@ -163,7 +163,7 @@ run_options parse_run(const words &arguments)
     run_options options;
     std::size_t next = 0;
     while (next < arguments.size() && arguments[next].starts_with("--")) {
-        const std::string name = arguments[next++];
+        const std::string &name = arguments[next++];
         if (name == "--" || !apply_run_option(options, name, arguments, next)) {
             break;
         }
@@ -294,7 +294,7 @@ int run_on(kivboard::running_board &board, const run_options &options)
 // Without a path of its own a board takes the default one, and where that is taken, one of its own making.
 std::string choose_socket(const std::string &wanted)
 {
-    const std::string path = wanted.empty() ? default_socket() : wanted;
+    std::string path = wanted.empty() ? default_socket() : wanted;
     if (!wanted.empty() || !kivboard::is_board_at(path)) {
         return path;
     }

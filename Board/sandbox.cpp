@@ -87,7 +87,7 @@ private:
 bool ground::is_ours(const std::string &path) const
 {
     struct stat status = {};
-    return stat(path.c_str(), &status) == 0 && ours_.count(status.st_dev) > 0;
+    return stat(path.c_str(), &status) == 0 && ours_.contains(status.st_dev);
 }
 
 // Shows one entry of the original directory again, in the file system that covers it.

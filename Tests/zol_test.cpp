@@ -40,8 +40,8 @@ TEST_F(Lifecycle, StartsAndStops)
     kiv_lock();
     kiv_unlock();
     EXPECT_EQ(zol_deinit(), KIV_OK);
-    EXPECT_EQ(log.texts("PRNT"),
-              (strings{"initialize kiv", "initialize", "destruct kiv", "cleaning kiv_test_util"}));
+    EXPECT_EQ(log.texts("PRNT"), (strings{"initialize kiv", "initialize", "destruct kiv", "de-initialize",
+                                          "cleaning kiv_test_util"}));
     EXPECT_TRUE(log.texts("ERRR").empty());
     EXPECT_STREQ(g_tokensPath, "");
 }
@@ -56,7 +56,7 @@ TEST_F(Lifecycle, TheModulesStartInOrder)
     ASSERT_EQ(zol_init(file.c_str()), KIV_OK);
     EXPECT_EQ(log.texts("PRNT"),
               (strings{"initialize kiv", "initialize", "g_debugLevel = 2", "systemTokensPath (t)",
-                       "system with 2 i2c buses", "initialize kiv - configName[board-a]"}));
+                       "initialize", "system with 2 i2c buses", "initialize kiv - configName[board-a]"}));
     zol_deinit();
 }
 

@@ -34,6 +34,7 @@
 #include "zol/kiv_spi.h"
 #include "zol/kiv_status.h"
 #include "zol/kiv_test.h"
+#include "zol/kiv_thread.h"
 #include "zol/kiv_token.h"
 
 KIV_EXTERN_C_BEGIN

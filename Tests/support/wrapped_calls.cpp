@@ -1,6 +1,7 @@
 // The calls that the linker turns over to the tests (--wrap; the list in CMakeLists.txt is the same).
 
 #include <fcntl.h>
+#include <glib.h>
 #include <libxml/parser.h>
 #include <linux/i2c-dev.h>
 #include <pthread.h>
@@ -51,6 +52,11 @@ extern "C" {
 WRAPPED(void *, malloc, (std::size_t size), (size), nullptr, ENOMEM)
 WRAPPED_NAMED(void *, NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag), (size, tag), nullptr,
               ENOMEM)
+WRAPPED(GThread *, g_thread_try_new, (const char *name, GThreadFunc run, gpointer data, GError **error),
+        (name, run, data, error), nullptr, EAGAIN)
+WRAPPED(int, pthread_barrier_init,
+        (pthread_barrier_t * barrier, const pthread_barrierattr_t *attributes, unsigned count),
+        (barrier, attributes, count), ENOMEM, 0)
 WRAPPED(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
 WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 WRAPPED(FILE *, popen, (const char *command, const char *mode),

@@ -35,6 +35,7 @@
 #include "zol/kiv_status.h"
 #include "zol/kiv_test.h"
 #include "zol/kiv_thread.h"
+#include "zol/kiv_timinglog.h"
 #include "zol/kiv_token.h"
 
 KIV_EXTERN_C_BEGIN

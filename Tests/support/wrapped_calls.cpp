@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <cerrno>
@@ -16,6 +17,7 @@
 #include <new>
 
 #include "support/fake_chooser.h"
+#include "support/fake_host.h"
 #include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 
@@ -36,9 +38,11 @@ using zol_test::call_fails;
 
 // Operator new that returns null: its mangled name depends on the width of size_t.
 #if __SIZEOF_SIZE_T__ == 8
-#    define NOTHROW_NEW _ZnwmRKSt9nothrow_t
+#    define NOTHROW_NEW       _ZnwmRKSt9nothrow_t
+#    define NOTHROW_NEW_ARRAY _ZnamRKSt9nothrow_t
 #else
-#    define NOTHROW_NEW _ZnwjRKSt9nothrow_t
+#    define NOTHROW_NEW       _ZnwjRKSt9nothrow_t
+#    define NOTHROW_NEW_ARRAY _ZnajRKSt9nothrow_t
 #endif
 #define WRAPPED_NAMED(...) WRAPPED(__VA_ARGS__)
 
@@ -52,18 +56,24 @@ extern "C" {
 WRAPPED(void *, malloc, (std::size_t size), (size), nullptr, ENOMEM)
 WRAPPED_NAMED(void *, NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag), (size, tag), nullptr,
               ENOMEM)
+WRAPPED_NAMED(void *, NOTHROW_NEW_ARRAY, (std::size_t size, const std::nothrow_t &tag), (size, tag), nullptr,
+              ENOMEM)
 WRAPPED(GThread *, g_thread_try_new, (const char *name, GThreadFunc run, gpointer data, GError **error),
         (name, run, data, error), nullptr, EAGAIN)
 WRAPPED(int, pthread_barrier_init,
         (pthread_barrier_t * barrier, const pthread_barrierattr_t *attributes, unsigned count),
         (barrier, attributes, count), ENOMEM, 0)
-WRAPPED(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
+WRAPPED(FILE *, fopen, (const char *path, const char *mode), (zol_test::fake_host::path(path).c_str(), mode),
+        nullptr, EMFILE)
+WRAPPED(int, mkdir, (const char *path, mode_t mode), (zol_test::fake_host::path(path).c_str(), mode), -1,
+        EACCES)
 WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 WRAPPED(FILE *, popen, (const char *command, const char *mode),
         (zol_test::fake_chooser::instead_of(command), mode), nullptr, EMFILE)
 WRAPPED(int, fseek, (FILE * file, long offset, int whence), (file, offset, whence), -1, EIO)
 WRAPPED(long, ftell, (FILE * file), (file), -1, EIO)
-WRAPPED(int, stat, (const char *path, struct stat *status), (path, status), -1, EACCES)
+WRAPPED(int, stat, (const char *path, struct stat *status), (zol_test::fake_host::path(path).c_str(), status),
+        -1, EACCES)
 WRAPPED(int, fstat, (int fd, struct stat *status), (fd, status), -1, EIO)
 WRAPPED(int, clock_gettime, (clockid_t clock, timespec *ts), (clock, ts), -1, EINVAL)
 WRAPPED(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attributes),
@@ -73,6 +83,13 @@ WRAPPED(xmlDoc *, xmlReadFile, (const char *path, const char *encoding, int opti
 WRAPPED(xmlDoc *, xmlReadMemory,
         (const char *buffer, int size, const char *url, const char *encoding, int options),
         (buffer, size, url, encoding, options), nullptr, ENOMEM)
+
+int __real_gettimeofday(timeval *time, void *zone);
+int __wrap_gettimeofday(timeval *time, void *zone);
+int __wrap_gettimeofday(timeval *time, void *zone)
+{
+    return zol_test::fake_host::time(*time) ? 0 : __real_gettimeofday(time, zone);
+}
 
 std::size_t __real_fread(void *data, std::size_t size, std::size_t count, FILE *file);
 std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file);

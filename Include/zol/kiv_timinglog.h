@@ -1,0 +1,96 @@
+/**
+ * @file kiv_timinglog.h
+ * @brief Timing logs: when events of an application happened, as CSV files for timing diagrams.
+ *
+ * A log has a lane per event, a column in its file "/var/log/zol/<name>.csv". The lane of the map's entry i
+ * is drawn between 2i (low) and 2i + 1 (high). A thread of the log's own writes the file; any number of
+ * threads may log, and never wait: a call costs a queue pop, a look at the clock, the formatting of its note,
+ * and a queue push. Any number of logs may be open.
+ *
+ * @code
+ *     static kiv_tl_map_entry lanes[] = {{.event_id = 1, .label = "rx"}, {.event_id = 2, .label = "tx"},
+ * {.event_id = -1}};
+ *
+ *     kiv_tl_ctx *log = kiv_tl_init("radio", lanes);
+ *     if (log != NULL) {
+ *         kiv_tl(log, 1, KIV_TL_HIGH, NULL);
+ *         kiv_tl(log, 2, KIV_TL_PULSE, "packet %d", number);
+ *         kiv_tl(log, 1, KIV_TL_LOW, NULL);
+ *         kiv_tl_deinit(log);
+ *     }
+ * @endcode
+ */
+#ifndef ZOL_KIV_TIMINGLOG_H
+#define ZOL_KIV_TIMINGLOG_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/time.h>
+
+#include "zol/kiv_export.h"
+
+KIV_EXTERN_C_BEGIN
+
+struct _GThread;
+struct _GAsyncQueue;
+
+/** What an event does to its lane: the values of kiv_tl(). */
+#define KIV_TL_PULSE 0 /**< shows high for an instant; the level stays */
+#define KIV_TL_LOW   1
+#define KIV_TL_HIGH  2
+
+/** A lane. The map is an array of these, ended by an event_id of -1; it must stay until kiv_tl_deinit()
+ * returns. */
+typedef struct kiv_tl_map_entry {
+    int32_t event_id;         /**< the caller's, unique; -1, -2 and -3 are taken */
+    const char *label;        /**< title of the column */
+    int32_t state;            /**< the log's: the lane's level, 1 low or 2 high */
+    struct timeval last_time; /**< the log's: when its last event was */
+} kiv_tl_map_entry;
+
+/** An event on its way to the writer. */
+typedef struct kiv_tl_msg {
+    int32_t event_id;
+    int32_t value;
+    struct timeval stamp;
+    char note[128]; /**< travels with the event; not written to the file */
+} kiv_tl_msg;
+
+/** A log. All of it is the module's. */
+typedef struct kiv_tl_ctx {
+    FILE *fp;
+    struct _GThread *message_thread;
+    struct _GAsyncQueue *available_msgs_queue;
+    struct _GAsyncQueue *pending_msgs_queue;
+    kiv_tl_map_entry *map;
+    char file_name[128];
+    struct timeval start_time;
+} kiv_tl_ctx;
+
+/**
+ * Opens a log: replaces its file, writes the header and starts the writer. All lanes are low.
+ * @param name  The file's name without directory and extension.
+ * @param map   Not null: that ends the process, as a mistake in the program.
+ * @return The log, or null when its file or its writer cannot be had; ERRR lines say which.
+ */
+KIV_API kiv_tl_ctx *kiv_tl_init(const char *name, kiv_tl_map_entry *map);
+
+/**
+ * Logs an event. Never blocks: with 1024 events waiting to be written, this one is dropped, with an ERRR
+ * line.
+ * @param ctx       An open log: anything else ends the process.
+ * @param event_id  One of the map's; another makes rows without cells. -1, -2 and -3 are refused with an ERRR
+ * line.
+ * @param value     KIV_TL_PULSE, KIV_TL_LOW or KIV_TL_HIGH; others are refused with an ERRR line.
+ * @param format    A printf-style note of at most 127 characters, or null.
+ */
+KIV_API void kiv_tl(kiv_tl_ctx *ctx, int32_t event_id, int32_t value, const char *format, ...)
+    KIV_PRINTF_LIKE(4, 5);
+
+/** Closes a log, after all that was logged is written. No other thread logs to it any more. A file that could
+ * not be written in whole has been reported by an ERRR line. */
+KIV_API void kiv_tl_deinit(kiv_tl_ctx *ctx);
+
+KIV_EXTERN_C_END
+
+#endif

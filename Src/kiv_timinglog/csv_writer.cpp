@@ -1,0 +1,79 @@
+#include "csv_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+#include "zol/kiv_debug.h"
+
+namespace kiv
+{
+namespace
+{
+
+constexpr long us_per_second = 1'000'000;
+
+}
+
+timeval since(const timeval &start, const timeval &stamp) noexcept
+{
+    timeval difference = {stamp.tv_sec - start.tv_sec, stamp.tv_usec - start.tv_usec};
+    if (difference.tv_usec < 0) {
+        difference.tv_sec -= 1;
+        difference.tv_usec += us_per_second;
+    }
+    return difference;
+}
+
+void csv_writer::make_room(std::size_t size) noexcept
+{
+    if (block_size - used_ < size) {
+        flush();
+    }
+}
+
+void csv_writer::flush() noexcept
+{
+    if (!failed_ && std::fwrite(block_.data(), 1, used_, stream_) != used_) {
+        failed_ = true;
+        KIV_LOG_ERRR("can't write %s: errno %d; what follows is lost\n", file_name_, errno);
+    }
+    used_ = 0;
+}
+
+// "%ld.%06ld,"
+void csv_writer::time_cell(const timeval &time) noexcept
+{
+    make_room(longest_cell);
+    char *at = std::to_chars(&block_[used_], block_.end(), time.tv_sec).ptr;
+    *at++ = '.';
+    char *const fraction_end = at + 6;
+    long left = time.tv_usec;
+    for (char *digit = fraction_end; digit != at; left /= 10) {
+        *--digit = static_cast<char>('0' + left % 10);
+    }
+    *fraction_end = ',';
+    used_ = static_cast<std::size_t>(fraction_end + 1 - block_.data());
+}
+
+void csv_writer::lane_cell(int32_t value) noexcept
+{
+    make_room(longest_cell);
+    char *const end = std::to_chars(&block_[used_], block_.end(), value).ptr;
+    *end = ',';
+    used_ = static_cast<std::size_t>(end + 1 - block_.data());
+}
+
+void csv_writer::empty_cells(std::size_t count) noexcept
+{
+    while (count > 0) {
+        make_room(1);
+        const std::size_t fitting = std::min(count, block_size - used_);
+        std::memset(&block_[used_], ',', fitting);
+        used_ += fitting;
+        count -= fitting;
+    }
+}
+
+} // namespace kiv

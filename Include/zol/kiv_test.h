@@ -107,6 +107,9 @@ KIV_API int kiv_test_main(int argc, char **argv);
  */
 KIV_API int _test_kiv_i2c_read(int is16);
 KIV_API int _test_kiv_i2c_write(int is16);
+KIV_API int _test_kiv_thread(int argc, char **argv, unsigned testFlags);
+KIV_API int _kiv_test_biostress(int argc, char **argv, unsigned testFlags);
+KIV_API int _zol_test_cpubench(int argc, char **argv, unsigned testFlags);
 KIV_API int _kiv_test_tokens(int argc, char **argv, unsigned testFlags);
 /** @} */
 

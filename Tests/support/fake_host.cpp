@@ -2,25 +2,28 @@
 
 #include <atomic>
 #include <string_view>
+#include <utility>
 
 namespace zol_test
 {
 namespace
 {
 
-std::string g_log_directory;
+std::string g_of_the_board; // empty: everything is real
+std::string g_directory;
 std::atomic<long long> g_microseconds{-1}; // below 0: the real clock
 
 } // namespace
 
-fake_host::fake_host(const std::filesystem::path &log_directory)
+fake_host::fake_host(const std::filesystem::path &directory, std::string of_the_board)
 {
-    g_log_directory = log_directory;
+    g_directory = directory;
+    g_of_the_board = std::move(of_the_board);
 }
 
 fake_host::~fake_host()
 {
-    g_log_directory.clear();
+    g_of_the_board.clear();
     g_microseconds = -1;
 }
 
@@ -31,11 +34,14 @@ void fake_host::set_time(long seconds, long microseconds)
 
 std::string fake_host::path(const char *path)
 {
-    constexpr std::string_view log_directory = "/var/log/zol";
     const std::string_view asked = path;
-    const bool redirected = !g_log_directory.empty() && asked.starts_with(log_directory);
-    return redirected ? g_log_directory + std::string(asked.substr(log_directory.size()))
-                      : std::string(asked);
+    const bool redirected = !g_of_the_board.empty() && asked.starts_with(g_of_the_board);
+    return redirected ? g_directory + std::string(asked.substr(g_of_the_board.size())) : std::string(asked);
+}
+
+unsigned long fake_host::sleep_time(unsigned long us)
+{
+    return g_of_the_board.empty() ? us : us / 100;
 }
 
 bool fake_host::time(timeval &time)

@@ -13,8 +13,11 @@ namespace zol_test
 namespace
 {
 
-bool parse_line(const std::string &text, log_line &line)
+bool parse_line(std::string text, log_line &line)
 {
+    if (text.starts_with("\033[0m")) { // the message before ended with its colour
+        text.erase(0, 4);
+    }
     char level[5] = "";
     char function[64] = "";
     int end = 0;

@@ -91,6 +91,13 @@ int __wrap_gettimeofday(timeval *time, void *zone)
     return zol_test::fake_host::time(*time) ? 0 : __real_gettimeofday(time, zone);
 }
 
+void __real_g_usleep(gulong us);
+void __wrap_g_usleep(gulong us);
+void __wrap_g_usleep(gulong us)
+{
+    __real_g_usleep(zol_test::fake_host::sleep_time(us));
+}
+
 std::size_t __real_fread(void *data, std::size_t size, std::size_t count, FILE *file);
 std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file);
 std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file)

@@ -206,10 +206,9 @@ bool stop_workers(stressWorker *workers)
 bool run_workers(stressWorker *workers, bool run_forever)
 {
     const bool created = create_workers(workers);
-    kiv_thread_sleep(run_time_us);
-    while (run_forever) {
+    do {
         kiv_thread_sleep(run_time_us);
-    }
+    } while (run_forever);
     return created && stop_workers(workers);
 }
 

@@ -10,9 +10,9 @@ usage() {
     cat << END
 usage: Scripts/demo.sh
 
-Installs what is missing, builds, and shows kivtest.exe at work on the virtual board: it writes
-and reads registers of I2C devices, and the board's journal shows that they arrived; then it
-reads the prepared tokens. Exit status 0 when all of it was as it should be. Without FUSE the
+Installs what is missing, builds, and shows kivtest.exe at work on the virtual board: it writes and
+reads registers of I2C devices, and the board's journal shows that they arrived; two worker
+threads draw a timing diagram of their messages; then the prepared tokens are read. Exit status 0 when all of it was as it should be. Without FUSE the
 board's part is left out, with the reason.
 END
 }
@@ -50,6 +50,17 @@ on_the_board() {
     write_and_read 16 1 0x50 0x123 0xa5
     show kivboard journal
     "$bin/kivboard" journal
+    draw_two_workers
+}
+
+# Two workers and their messages, as a picture. The log lies in the board's /var/log/zol, which goes with the board.
+draw_two_workers() {
+    show two_workers
+    "$bin/two_workers" > "$logs/two_workers.log" 2>&1 || fail "two_workers failed; see $logs/two_workers.log"
+    grep -av '\[   KIV   \]' "$logs/two_workers.log"
+    show zol_timing /var/log/zol/two_workers.csv
+    "$bin/zol_timing" /var/log/zol/two_workers.csv --svg build/demo/two_workers.svg --vcd build/demo/two_workers.vcd
+    expect "finish" build/demo/two_workers.svg
 }
 
 without_the_board() {
@@ -73,7 +84,7 @@ case ${1:-} in
     ;;
 esac
 
-say "libzol on the virtual board: registers over I2C, and tokens"
+say "libzol on the virtual board: registers over I2C, worker threads and their timing, tokens"
 install_packages "${build_packages[@]}"
 quietly "configuring" cmake --preset release -B build/demo -DZOL_BUILD_TESTS=OFF
 quietly "building" cmake --build build/demo
@@ -87,6 +98,7 @@ fi
 without_the_board
 
 if [ $board = yes ]; then
+    printf '\nThe timing diagram of the two workers: %s\n' "$PWD/build/demo/two_workers.svg"
     printf '\ndemo: passed\n'
 else
     printf '\ndemo: passed without the virtual board; see the reason above\n'

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "one_core.h"
 #include "table.h"
 #include "zol/zol.h"
 
@@ -25,27 +25,6 @@ constexpr uint16_t device_address = 0x18;
 constexpr uint8_t device_register = 0x30;
 
 bool g_stand_in;
-
-// Keeps the program on the core that the virtual board runs on, as long as it exists: waking an idle second
-// core takes several times as long as a transfer, at random, and says nothing about the library.
-class on_the_board_s_core
-{
-public:
-    on_the_board_s_core()
-    {
-        cpu_set_t first;
-        CPU_ZERO(&first);
-        CPU_SET(0, &first);
-        sched_getaffinity(0, sizeof former_, &former_);
-        sched_setaffinity(0, sizeof first, &first);
-    }
-    ~on_the_board_s_core() { sched_setaffinity(0, sizeof former_, &former_); }
-    on_the_board_s_core(const on_the_board_s_core &) = delete;
-    on_the_board_s_core &operator=(const on_the_board_s_core &) = delete;
-
-private:
-    cpu_set_t former_;
-};
 
 // An open device, with the library started as an application would.
 class device
@@ -79,7 +58,7 @@ public:
     kiv_i2c_handle handle = {};
 
 private:
-    on_the_board_s_core pinned_;
+    zol_bench::on_one_core pinned_; // which is the board's
 };
 
 void finish(benchmark::State &state, unsigned long allocations_before)

@@ -83,6 +83,26 @@ TEST_F(OnBoard, ExampleReadsARegister)
     EXPECT_TRUE(says(result, "the sensor says that it is a 0x33\n")) << result.out;
 }
 
+TEST_F(OnBoard, ExampleLogsTwoWorkers)
+{
+    const command_result result =
+        on_board(TWO_WORKERS_EXAMPLE " Conf/kiv_test.xml && wc -l < /var/log/zol/two_workers.csv");
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_TRUE(says(result, "all messages were handled\n")) << result.out;
+    // Six times a pulse of three rows and six edges of two; the header, the start and the stop.
+    EXPECT_TRUE(result.out.ends_with("\n93\n")) << result.out;
+}
+
+TEST_F(OnBoard, StorageStressWritesToTheBoard)
+{
+    const command_result result =
+        on_board("$kivtest -m biostress -t 2 -f 2 -s 65536 -d 1000; ls -s --block-size=1024 /media/internal");
+    for (const std::string file : {"stress_0_file_0.bin", "stress_1_file_2.bin"}) {
+        EXPECT_TRUE(says(result, " 64 " + file) || says(result, "64 " + file)) << result.out;
+    }
+    EXPECT_FALSE(says(result, "[ERRR]")) << result.out;
+}
+
 TEST_F(OnBoard, DevicesThatDoNotAnswerAreReported)
 {
     for (const std::string address : {"0x19", "0x55"}) {

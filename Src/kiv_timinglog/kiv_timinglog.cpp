@@ -298,7 +298,7 @@ kiv_tl_ctx *kiv_tl_init(const char *name, kiv_tl_map_entry *map)
         return nullptr;
     }
     KIV_LOG_PRNT("timinglog thread ready\n");
-    return log.release();
+    return log.release(); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the caller closes it
 }
 
 void kiv_tl(kiv_tl_ctx *tlc, int32_t event_id, int32_t value, const char *format, ...)

@@ -125,16 +125,15 @@ TEST_F(TimingLog, AStalledWriterDropsEventsAndLosesNoOthers)
     }
     const auto dropped = static_cast<long>(capture.count("ERRR", "no free msg buffer, msg skipped!"));
     std::atomic<long> lines{0};
-    std::atomic<bool> closed{false};
     std::thread drain([&] {
         char block[65'536];
-        for (ssize_t got = 1; got > 0 || !closed;) {
+        ssize_t got = 0;
+        do { // until the log is closed
             got = read(reader.get(), block, sizeof block);
             lines += got > 0 ? std::count(block, block + got, '\n') : 0;
-        }
+        } while (got != 0);
     });
     kiv_tl_deinit(log);
-    closed = true;
     drain.join();
     EXPECT_EQ(lines, 3 + 2 * (logged - dropped));
     EXPECT_EQ(capture.texts("ERRR").size(), static_cast<std::size_t>(dropped));

@@ -17,6 +17,16 @@ using strings = std::vector<std::string>;
 namespace
 {
 
+// Modules that a failed start never reached say so when they are stopped with the others; that is no
+// assertion.
+std::size_t count_assertions(log_capture &log)
+{
+    const strings errors = log.texts("ERRR");
+    return static_cast<std::size_t>(std::count_if(errors.begin(), errors.end(), [](const std::string &text) {
+        return text.starts_with("ASSERT FAILED");
+    }));
+}
+
 class Lifecycle : public testing::Test
 {
 protected:
@@ -77,7 +87,7 @@ TEST_F(Lifecycle, EveryMissingKeyFailsTheStart)
         g_debugLevel = 2;
         log_capture log;
         EXPECT_EQ(zol_init(write(xml).c_str()), KIV_ERR_INVALID_PARAM) << xml;
-        EXPECT_EQ(log.texts("ERRR").size(), assertions) << key << log.out();
+        EXPECT_EQ(count_assertions(log), assertions) << key << log.out();
         EXPECT_STREQ(g_tokensPath, "") << "everything is stopped again";
         EXPECT_EQ(kiv_config_get_param("general", "", "debugLevel", nullptr, 0), 0);
         EXPECT_EQ(log.has("PRNT", "system with 2 i2c buses"), false);

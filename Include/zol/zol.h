@@ -29,6 +29,7 @@
 
 #include "zol/kiv_config.h"
 #include "zol/kiv_debug.h"
+#include "zol/kiv_events.h"
 #include "zol/kiv_export.h"
 #include "zol/kiv_i2c.h"
 #include "zol/kiv_spi.h"

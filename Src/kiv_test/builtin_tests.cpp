@@ -18,7 +18,7 @@ constexpr kiv_test_item g_testItems[] = {
      "-c or --delaycnt <usec> : Number of times to wait for delay in each iteration\n"
      "-s : Spin count, number of iterations to spin\n",
      _zol_test_cpubench, 0},
-    {"events", "Test the kiv_events module", "  -1     - TBD\n  -2     - TBD\n", nullptr, 0},
+    {"events", "Test the kiv_events module", "  -1     - TBD\n  -2     - TBD\n", test_events, 0},
     {"kiv_tokens", "Test kiv_tokens module", "", _kiv_test_tokens, 0},
 };
 

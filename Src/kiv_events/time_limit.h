@@ -1,0 +1,51 @@
+// How long a call may still wait.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace kiv
+{
+
+class time_limit
+{
+public:
+    /// Of the microseconds whole milliseconds count; 0 or less means no limit.
+    explicit time_limit(int32_t us) noexcept : ms_(us > 0 ? us / 1000 : -1)
+    {
+        if (ms_ > 0) {
+            end_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms_);
+        }
+    }
+
+    /// The whole limit as poll() takes it: milliseconds, or -1.
+    [[nodiscard]] int milliseconds() const noexcept { return ms_; }
+
+    /// What is left of it as poll() takes it, rounded up.
+    [[nodiscard]] int remaining() const noexcept
+    {
+        if (ms_ <= 0) {
+            return ms_;
+        }
+        using std::chrono::milliseconds;
+        const auto left = std::chrono::ceil<milliseconds>(end_ - std::chrono::steady_clock::now());
+        return left > milliseconds::zero() ? static_cast<int>(left.count()) : 0;
+    }
+
+    /// Takes a lock within the limit. @return Whether it is held.
+    template <typename Lock>
+    [[nodiscard]] bool take(Lock &lock) const
+    {
+        if (ms_ < 0) {
+            lock.lock();
+            return true;
+        }
+        return ms_ == 0 ? lock.try_lock() : lock.try_lock_until(end_);
+    }
+
+private:
+    int ms_;
+    std::chrono::steady_clock::time_point end_;
+};
+
+} // namespace kiv

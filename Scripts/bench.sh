@@ -48,7 +48,7 @@ case ${1:-} in
 esac
 
 say "Measuring libzol: a minute or two"
-install_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev libpugixml-dev libasio-dev libuv1-dev valgrind binutils
+install_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev libpugixml-dev libasio-dev libuv1-dev libzmq3-dev valgrind binutils
 quietly "configuring" cmake --preset bench
 quietly "building" cmake --build --preset bench
 say ""

@@ -11,16 +11,16 @@ class call_trace
 {
 public:
     explicit call_trace(int line = __builtin_LINE(), const char *function = __builtin_FUNCTION()) noexcept
-        : line_(line), function_(function)
+        : line_(line), function_(function), is_on_(__atomic_load_n(&g_debugLevel, __ATOMIC_RELAXED) >= level)
     {
-        if (is_on()) {
+        if (is_on_) {
             _kiv_block_print(level, KIV_LOG_PREFIX_INF1 "<<<<< enter <<<<<\n", function_, line_);
         }
     }
 
     ~call_trace()
     {
-        if (is_on()) {
+        if (is_on_) {
             _kiv_block_print(level, KIV_LOG_PREFIX_INF1 "<<<<< exit  >>>>>\n", function_, line_);
         }
     }
@@ -31,10 +31,9 @@ public:
 private:
     static constexpr int level = 3;
 
-    static bool is_on() noexcept { return __atomic_load_n(&g_debugLevel, __ATOMIC_RELAXED) >= level; }
-
     int line_;
     const char *function_;
+    bool is_on_; // decided at the entry, so that a pair is never half logged
 };
 
 } // namespace kiv

@@ -1,5 +1,5 @@
-// The registry of event groups and events. One lock guards all look-ups and changes; it is never held while
-// anything is logged, allocated, read or written.
+// The registry of event groups and events. One lock guards changes and look-ups of names; it is never held
+// while anything is logged, read or written. Handles are looked up without it.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,8 +11,10 @@
 #include <string_view>
 
 #include "common/call_trace.h"
+#include "common/immortal.h"
 #include "common/mutex.h"
 #include "common/text.h"
+#include "handle_set.h"
 #include "registry.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
@@ -28,25 +30,23 @@ constexpr uint32_t item_signature = 0x5A5A0002;
 constexpr uint32_t dead_signature = 0xDEADBEEF;
 constexpr std::size_t name_size = sizeof(kiv_event_item::pname);
 
+using name_index = kiv::record_index<kiv_event_item, &kiv_event_item::by_name>;
+
 kiv::mutex g_lock; // guards everything below, the lists of the groups, and the links of all records
 int32_t g_module_instialized KIV_GUARDED_BY(g_lock);
 GList *g_event_group_db KIV_GUARDED_BY(g_lock);
-kiv::record_index<kiv_event_group, &kiv_event_group::by_handle> g_groups KIV_GUARDED_BY(g_lock);
-kiv::record_index<kiv_event_item, &kiv_event_item::by_handle> g_items KIV_GUARDED_BY(g_lock);
-kiv::record_index<kiv_event_item, &kiv_event_item::by_name> g_names KIV_GUARDED_BY(g_lock);
+constinit kiv::immortal<name_index> g_names KIV_GUARDED_BY(g_lock);
 uint64_t g_serial KIV_GUARDED_BY(g_lock); // of the newest record
+
+// Of these only changes are guarded by g_lock.
+constinit kiv::immortal<kiv::handle_set> g_groups;
+constinit kiv::immortal<kiv::handle_set> g_items;
 
 int32_t g_simulation; // atomic
 
 uintptr_t number_of(const void *handle) noexcept
 {
     return reinterpret_cast<uintptr_t>(handle);
-}
-
-std::size_t hash_of(const void *handle) noexcept
-{
-    // Fibonacci hashing: neighbouring addresses spread over all buckets.
-    return static_cast<std::size_t>(static_cast<uint64_t>(number_of(handle)) * 0x9E3779B97F4A7C15U >> 32);
 }
 
 std::string_view key_of(const char *name) noexcept
@@ -59,25 +59,14 @@ std::size_t hash_of(std::string_view name) noexcept
     return std::hash<std::string_view>()(name);
 }
 
-template <typename Index, typename Record>
-Record *find_live(const Index &index, const Record *handle) noexcept
-{
-    Record *record = index.first(hash_of(handle));
-    while (record != nullptr && record != handle) {
-        record = Index::after(*record);
-    }
-    return record;
-}
-
 // The first word of the record behind a handle, without a look at memory that is not a live record's.
-uint32_t signature_of(const void *handle)
+uint32_t signature_of(const void *handle) noexcept
 {
-    const scoped_lock lock(g_lock);
-    if (const auto *const item = find_live(g_items, static_cast<const kiv_event_item *>(handle))) {
-        return item->signature;
+    if (g_items->contains(handle)) {
+        return static_cast<const kiv_event_item *>(handle)->signature;
     }
-    if (const auto *const group = find_live(g_groups, static_cast<const kiv_event_group *>(handle))) {
-        return group->signature;
+    if (g_groups->contains(handle)) {
+        return static_cast<const kiv_event_group *>(handle)->signature;
     }
     return dead_signature;
 }
@@ -96,7 +85,7 @@ kiv_event_item *find_newest(const char *name) KIV_REQUIRES(g_lock)
     }
     const std::string_view key = key_of(name);
     kiv_event_item *newest = nullptr;
-    for (auto *item = g_names.first(hash_of(key)); item != nullptr; item = g_names.after(*item)) {
+    for (auto *item = g_names->first(hash_of(key)); item != nullptr; item = g_names->after(*item)) {
         if (std::strncmp(item->pname, name, name_size) == 0 &&
             (newest == nullptr || is_newer(*item, *newest))) {
             newest = item;
@@ -157,36 +146,43 @@ bool __event_group_is_valid(const kiv_event_group *group)
     return true;
 }
 
+// Fills a record and puts it into the registry. @return False when there is no memory.
+bool register_group(kiv_event_group &group, const char *name)
+{
+    group.signature = group_signature;
+    kiv::copy_bounded(group.pname, sizeof group.pname, name);
+    const scoped_lock lock(g_lock);
+    if (!g_groups->add(&group)) {
+        return false;
+    }
+    group.serial = ++g_serial;
+    prepend(g_event_group_db, group);
+    return true;
+}
+
 kiv_event_group *__event_group_alloc(const char *name)
 {
-    auto *const group = new (std::nothrow) kiv_event_group();
-    if (group == nullptr) {
+    std::unique_ptr<kiv_event_group> group(new (std::nothrow) kiv_event_group());
+    if (!group || !register_group(*group, name)) {
         KIV_LOG_ERRR("Failed to allocate memory (%d bytes)\n", static_cast<int>(sizeof *group));
         return nullptr;
     }
-    group->signature = group_signature;
-    kiv::copy_bounded(group->pname, sizeof group->pname, name);
-    return group;
+    return group.release();
 }
 
-void register_group(kiv_event_group &group)
+// Takes a group out of the registry, unless it has events or somebody else has just taken it out.
+int32_t __event_group_unregister(kiv_event_group *group)
 {
     const scoped_lock lock(g_lock);
-    group.serial = ++g_serial;
-    g_groups.add(group, hash_of(&group));
-    prepend(g_event_group_db, group);
-}
-
-// @return Whether it was empty, and so is out of the registry.
-bool __event_group_unregister(kiv_event_group *group)
-{
-    const scoped_lock lock(g_lock);
+    if (!g_groups->contains(group)) {
+        return KIV_ERR_INVALID_PARAM;
+    }
     if (group->items != nullptr) {
-        return false;
+        return KIV_ERR_STATE;
     }
     g_event_group_db = g_list_remove_link(g_event_group_db, &group->place);
-    g_groups.remove(*group);
-    return true;
+    g_groups->remove(group);
+    return KIV_OK;
 }
 
 void __event_group_free(kiv_event_group *group)
@@ -236,19 +232,21 @@ int32_t __event_item_alloc(const char *name, kiv_events_notify_cb notify_cb, uni
     return KIV_OK;
 }
 
-// @return Whether the group is still there, and the event now in it.
-bool __event_group_add_event_item(kiv_event_group *group, kiv_event_item *item)
+// Puts an event into the registry, unless its group has been deleted since it was checked.
+int32_t __event_group_add_event_item(kiv_event_group *group, kiv_event_item *item)
 {
     const scoped_lock lock(g_lock);
-    if (find_live(g_groups, group) == nullptr) {
-        return false;
+    if (!g_groups->contains(group)) {
+        return KIV_ERR_INVALID_PARAM;
+    }
+    if (!g_items->add(item)) {
+        return KIV_ERR_NO_MEMORY;
     }
     item->serial = ++g_serial;
     item->p_event_group = group;
-    g_items.add(*item, hash_of(item));
-    g_names.add(*item, hash_of(key_of(item->pname)));
+    g_names->add(*item, hash_of(key_of(item->pname)));
     prepend(group->items, *item);
-    return true;
+    return KIV_OK;
 }
 
 bool __event_group_remove_event_item(kiv_event_item *item)
@@ -262,8 +260,8 @@ bool __event_group_remove_event_item(kiv_event_item *item)
     }
     const scoped_lock lock(g_lock);
     group->items = g_list_remove_link(group->items, &item->place);
-    g_names.remove(*item);
-    g_items.remove(*item);
+    g_names->remove(*item);
+    g_items->remove(item);
     return true;
 }
 
@@ -339,8 +337,8 @@ bool next_group(uint64_t serial, group_view &view)
 bool next_item(const kiv_event_group *handle, uint64_t serial, item_view &view)
 {
     const scoped_lock lock(g_lock);
-    const kiv_event_group *const group = find_live(g_groups, handle);
-    const auto *const item = group != nullptr ? next_older<kiv_event_item>(group->items, serial) : nullptr;
+    const auto *const item =
+        g_groups->contains(handle) ? next_older<kiv_event_item>(handle->items, serial) : nullptr;
     if (item == nullptr) {
         return false;
     }
@@ -473,7 +471,6 @@ int32_t kiv_events_create_group(const char *name, kiv_event_group **out)
         KIV_LOG_ERRR("Failed allocating event-group, err %d\n", KIV_ERR_NO_MEMORY);
         return KIV_ERR_NO_MEMORY;
     }
-    register_group(*group);
     *out = group;
     return KIV_OK;
 }
@@ -485,12 +482,15 @@ int32_t kiv_events_delete_group(kiv_event_group *group)
         KIV_LOG_ERRR("Invalid event group handle\n");
         return KIV_ERR_INVALID_PARAM;
     }
-    if (!__event_group_unregister(group)) {
+    const int32_t status = __event_group_unregister(group);
+    if (status == KIV_ERR_INVALID_PARAM) {
+        KIV_LOG_ERRR("Invalid event group handle\n");
+    } else if (status == KIV_ERR_STATE) {
         KIV_LOG_ERRR("Event group 0x%" PRIxPTR " (%s) still has events\n", number_of(group), group->pname);
-        return KIV_ERR_STATE;
+    } else {
+        __event_group_free(group);
     }
-    __event_group_free(group);
-    return KIV_OK;
+    return status;
 }
 
 int32_t kiv_events_create_event(const char *name, kiv_events_notify_cb notify_cb, kiv_event_group *group,
@@ -513,12 +513,15 @@ int32_t kiv_events_create_event(const char *name, kiv_events_notify_cb notify_cb
     if (const int32_t status = __event_item_alloc(name, notify_cb, item); status != KIV_OK) {
         return status;
     }
-    if (!__event_group_add_event_item(group, item.get())) { // deleted since it was checked
+    const int32_t status = __event_group_add_event_item(group, item.get());
+    if (status == KIV_ERR_INVALID_PARAM) {
         KIV_LOG_ERRR("Invalid event group handle\n");
-        return KIV_ERR_INVALID_PARAM;
+    } else if (status == KIV_ERR_NO_MEMORY) {
+        KIV_LOG_ERRR("Failed to allocate memory (%d bytes)\n", static_cast<int>(sizeof *item));
+    } else {
+        *out = item.release();
     }
-    *out = item.release();
-    return KIV_OK;
+    return status;
 }
 
 int32_t kiv_events_delete_event(kiv_event_item *item)

@@ -45,7 +45,6 @@ struct kiv_event_group {
 
     uint64_t serial; // grows from group to group
     GList place;     // in g_event_group_db
-    kiv::index_link<kiv_event_group> by_handle;
 };
 
 struct kiv_event_item {
@@ -61,7 +60,6 @@ struct kiv_event_item {
 
     uint64_t serial; // grows from event to event
     GList place;     // in its group's items
-    kiv::index_link<kiv_event_item> by_handle;
     kiv::index_link<kiv_event_item> by_name;
 
     std::recursive_mutex notifying; // a notification at a time; the callback may notify

@@ -390,6 +390,7 @@ int command_request(const kivboard::request_form &form, words arguments)
     for (const std::string &word : arguments) {
         line += word + " ";
     }
+    std::replace(line.begin(), line.end(), '\n', ' '); // one command is one request
     kivboard::board_connection board(socket);
     return board.is_open() ? board.ask(line) : complain_of_no_board(socket);
 }

@@ -148,8 +148,11 @@ protected:
 
     void SetUp() override
     {
+        if (is_on_board()) {
+            return;
+        }
         const zol_test::command_result check = zol_test::run_command({KIVBOARD, "check"});
-        if (!is_on_board() && check.status != 0) {
+        if (check.status != 0) {
             GTEST_SKIP() << check.err;
         }
     }
@@ -379,7 +382,7 @@ TEST_F(GpioBoard, OneConnectionCarriesManyRequests)
         const zol_test::command_result misused = shell("$kivboard raise 5 1 2");
         EXPECT_EQ(misused.status, 2);
         EXPECT_EQ(misused.err, "kivboard: raise needs PIN [COUNT]; see kivboard --help\n");
-        EXPECT_EQ(shell("$kivboard level 5x").status, 1);
+        EXPECT_EQ(shell("$kivboard level 5x; $kivboard raise '5\nraise 5'").status, 1);
         const std::string journal = shell("$kivboard journal").out;
         EXPECT_TRUE(
             journal.ends_with("gpio_5 irqconfig W[2] ok\n3 gpio_5 irqmask W[0] ok\n"

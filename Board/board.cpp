@@ -5,13 +5,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <iterator>
 #include <optional>
 
 #include "i2c_node.h"
+#include "number.h"
+#include "requests.h"
 
 namespace kivboard
 {
@@ -21,17 +24,6 @@ namespace
 std::string node_name(unsigned bus)
 {
     return "i2c-" + std::to_string(bus);
-}
-
-std::optional<std::uint32_t> parse_number(const std::string &text)
-{
-    const bool hexadecimal = text.starts_with("0x");
-    const char *const begin = text.data() + (hexadecimal ? 2 : 0);
-    const char *const end = text.data() + text.size();
-    std::uint32_t value = 0;
-    const auto result = std::from_chars(begin, end, value, hexadecimal ? 16 : 10);
-    return begin != end && result.ec == std::errc() && result.ptr == end ? std::optional(value)
-                                                                         : std::nullopt;
 }
 
 control_reply refused(const std::string &why)
@@ -83,7 +75,8 @@ bool has_ended(pid_t command, int signal_fd, int &status)
 } // namespace
 
 running_board::running_board(const board_description &description)
-    : control_([this](const std::vector<std::string> &words) { return answer(words); })
+    : pins_(description.pins, files_, journal_),
+      control_([this](const std::vector<std::string> &words) { return answer(words); })
 {
     for (const bus_description &bus : description.buses) {
         i2c_bus &added = buses_.emplace(bus.number, i2c_bus(bus)).first->second;
@@ -96,6 +89,9 @@ std::vector<bind_graft> running_board::grafts() const
     std::vector<bind_graft> grafts;
     for (const auto &[number, bus] : buses_) {
         grafts.push_back({node_name(number), "/dev/" + node_name(number)});
+    }
+    if (!pins_.is_empty()) {
+        grafts.push_back({gpio_bank::source_root, gpio_bank::target_root});
     }
     return grafts;
 }
@@ -138,21 +134,34 @@ void running_board::tell_followers()
     followed_ = journal_.next_number();
 }
 
-control_reply running_board::answer(const std::vector<std::string> &words)
+struct running_board::request {
+    const char *name;
+    control_reply (*handle)(running_board &board, const std::vector<std::string> &words);
+};
+
+control_reply running_board::answer(const std::vector<std::string> &line)
 {
-    using member = control_reply (running_board::*)(const std::vector<std::string> &);
-    static constexpr struct {
-        const char *name;
-        member handle;
-    } requests[] = {{"peek", &running_board::peek},
-                    {"poke", &running_board::poke},
-                    {"journal", &running_board::show_journal}};
-    for (const auto &[name, handle] : requests) {
-        if (!words.empty() && words[0] == name) {
-            return (this->*handle)(words);
-        }
+    using word_list = std::vector<std::string>;
+    static constexpr request requests[] = {
+        {"raise", [](running_board &board, const word_list &words) { return board.pins_.raise(words); }},
+        {"level", [](running_board &board, const word_list &words) { return board.pins_.level(words); }},
+        {"fail", [](running_board &board, const word_list &words) { return board.pins_.fail(words); }},
+        {"mend", [](running_board &board, const word_list &words) { return board.pins_.mend(words); }},
+        {"peek", [](running_board &board, const word_list &words) { return board.peek(words); }},
+        {"poke", [](running_board &board, const word_list &words) { return board.poke(words); }},
+        {"journal", [](running_board &board, const word_list &words) { return board.show_journal(words); }},
+    };
+    static_assert(std::size(requests) == std::size(request_forms));
+    const request_form *const form = !line.empty() ? find_request(line[0]) : nullptr;
+    const auto *const found =
+        std::find_if(std::begin(requests), std::end(requests), [form](const request &each) {
+            return form != nullptr && std::string_view(form->name) == each.name;
+        });
+    if (found == std::end(requests)) {
+        return refused("the board does not know this request");
     }
-    return refused("the board does not know this request");
+    const std::string problem = misuse(*form, line);
+    return problem.empty() ? found->handle(*this, line) : refused(problem);
 }
 
 i2c_device *running_board::find_device(const std::vector<std::string> &words, std::string &error)
@@ -174,9 +183,6 @@ i2c_device *running_board::find_device(const std::vector<std::string> &words, st
 
 control_reply running_board::peek(const std::vector<std::string> &words)
 {
-    if (words.size() < 4 || words.size() > 5) {
-        return refused("peek needs BUS ADDRESS REGISTER [COUNT]");
-    }
     std::string error;
     const i2c_device *const device = find_device(words, error);
     if (device == nullptr) {
@@ -196,9 +202,6 @@ control_reply running_board::peek(const std::vector<std::string> &words)
 
 control_reply running_board::poke(const std::vector<std::string> &words)
 {
-    if (words.size() < 5) {
-        return refused("poke needs BUS ADDRESS REGISTER VALUE...");
-    }
     std::string error;
     i2c_device *const device = find_device(words, error);
     if (device == nullptr) {

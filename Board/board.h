@@ -11,6 +11,7 @@
 #include "board_file.h"
 #include "board_fs.h"
 #include "control.h"
+#include "gpio_bank.h"
 #include "i2c_bus.h"
 #include "journal.h"
 #include "sandbox.h"
@@ -35,7 +36,8 @@ public:
     int serve(pid_t command, int fuse_fd, int signal_fd);
 
 private:
-    control_reply answer(const std::vector<std::string> &words);
+    struct request;
+    control_reply answer(const std::vector<std::string> &line);
     control_reply peek(const std::vector<std::string> &words);
     control_reply poke(const std::vector<std::string> &words);
     control_reply show_journal(const std::vector<std::string> &words);
@@ -46,6 +48,7 @@ private:
     journal journal_;
     std::uint64_t followed_ = 1; // the next line for those who follow
     board_fs files_;
+    gpio_bank pins_;
     control_server control_;
 };
 

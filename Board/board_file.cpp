@@ -4,12 +4,13 @@
 #include <libxml/tree.h>
 
 #include <algorithm>
-#include <charconv>
 #include <initializer_list>
 #include <memory>
 #include <set>
 #include <sstream>
 #include <string_view>
+
+#include "number.h"
 
 namespace kivboard
 {
@@ -19,6 +20,7 @@ namespace
 using namespace std::string_literals;
 
 constexpr std::uint32_t highest_bus = 9;
+constexpr std::uint32_t highest_pin = 99'999;
 
 struct document_deleter {
     void operator()(xmlDoc *doc) const noexcept { xmlFreeDoc(doc); }
@@ -54,12 +56,18 @@ private:
                          std::uint32_t highest, std::optional<std::uint32_t> otherwise = std::nullopt);
     std::vector<std::uint8_t> bytes(const xmlNode *element);
     refusal read_refusal(const xmlNode *element);
+    template <typename enumeration, std::size_t count>
+    enumeration choice(const xmlNode *element, const char *name, const std::string_view (&names)[count]);
 
     bus_description read_bus(const xmlNode *element);
     device_description read_device(const xmlNode *element);
     initial_content read_content(const xmlNode *element, const device_description &device);
+    pin_failure read_failure(const xmlNode *element);
+    pin_description read_pin(const xmlNode *element);
+    void read_buses(const xmlNode *root, board_description &board);
+    void read_pins(const xmlNode *root, board_description &board);
 
-    static std::vector<const xmlNode *> elements_of(const xmlNode *parent);
+    static std::vector<const xmlNode *> elements_of(const xmlNode *parent, std::string_view name = "");
 
     std::string path_;
     std::string error_;
@@ -83,11 +91,12 @@ void reader::note_parser_error(void *self, xmlError *error)
     static_cast<reader *>(self)->complain_of_line(error->line, message.substr(0, message.find('\n')));
 }
 
-std::vector<const xmlNode *> reader::elements_of(const xmlNode *parent)
+// All elements, or those of one name.
+std::vector<const xmlNode *> reader::elements_of(const xmlNode *parent, std::string_view name)
 {
     std::vector<const xmlNode *> elements;
     for (const xmlNode *child = parent->children; child != nullptr; child = child->next) {
-        if (child->type == XML_ELEMENT_NODE) {
+        if (child->type == XML_ELEMENT_NODE && (name.empty() || to_string(child->name) == name)) {
             elements.push_back(child);
         }
     }
@@ -122,21 +131,6 @@ std::optional<std::string> reader::attribute(const xmlNode *element, const char 
     return to_string(value.get());
 }
 
-std::optional<std::uint32_t> parse(std::string_view text, int base)
-{
-    std::uint32_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-std::optional<std::uint32_t> parse_number(std::string_view text)
-{
-    return text.substr(0, 2) == "0x" ? parse(text.substr(2), 16) : parse(text, 10);
-}
-
 std::uint32_t reader::number(const xmlNode *element, const char *name, std::uint32_t lowest,
                              std::uint32_t highest, std::optional<std::uint32_t> otherwise)
 {
@@ -162,7 +156,7 @@ std::vector<std::uint8_t> reader::bytes(const xmlNode *element)
     std::vector<std::uint8_t> values;
     std::istringstream words(attribute(element, "bytes").value_or(""));
     for (std::string word; words >> word;) {
-        const std::optional<std::uint32_t> value = parse(word, 16);
+        const std::optional<std::uint32_t> value = parse_number(word, 16);
         if (!value || *value > 0xff || word.size() > 2) {
             complain(element, "\"" + word + "\" is no byte; bytes are written like \"0f a5\"");
             return {};
@@ -192,6 +186,17 @@ refusal reader::read_refusal(const xmlNode *element)
     }
     complain(element, "refuses is \"" + text + "\", but must be all, reads or writes");
     return refusal::nothing;
+}
+
+template <typename enumeration, std::size_t count>
+enumeration reader::choice(const xmlNode *element, const char *name, const std::string_view (&table)[count])
+{
+    const std::string text = attribute(element, name).value_or("");
+    const std::optional<enumeration> found = find_name<enumeration>(table, text);
+    if (!found) {
+        complain(element, name + " is \""s + text + "\", but must be " + list_names(table));
+    }
+    return found.value_or(enumeration{});
 }
 
 initial_content reader::read_content(const xmlNode *element, const device_description &device)
@@ -241,6 +246,59 @@ bus_description reader::read_bus(const xmlNode *element)
     return bus;
 }
 
+pin_failure reader::read_failure(const xmlNode *element)
+{
+    check_names(element, {"node", "operation"}, {});
+    return {choice<gpio_attribute>(element, "node", gpio_attribute_names),
+            choice<gpio_operation>(element, "operation", gpio_operation_names)};
+}
+
+// What <pin> and <pins> have in common.
+pin_description reader::read_pin(const xmlNode *element)
+{
+    pin_description pin;
+    pin.level = number(element, "level", 0, 1, 0) != 0;
+    for (const xmlNode *const child : elements_of(element)) {
+        pin.failures.push_back(read_failure(child));
+    }
+    return pin;
+}
+
+void reader::read_buses(const xmlNode *root, board_description &board)
+{
+    std::set<unsigned> numbers;
+    for (const xmlNode *const child : elements_of(root, "bus")) {
+        board.buses.push_back(read_bus(child));
+        if (!numbers.insert(board.buses.back().number).second) {
+            complain(child, "there is another bus of this number");
+        }
+    }
+}
+
+void reader::read_pins(const xmlNode *root, board_description &board)
+{
+    std::set<std::uint32_t> numbers;
+    const auto add = [&](const xmlNode *element, std::uint32_t first, std::uint32_t last) {
+        pin_description pin = read_pin(element);
+        for (pin.number = first; pin.number <= last; ++pin.number) {
+            board.pins.push_back(pin);
+            if (!numbers.insert(pin.number).second) {
+                complain(element, "there is another pin " + std::to_string(pin.number));
+            }
+        }
+    };
+    for (const xmlNode *const child : elements_of(root, "pin")) {
+        check_names(child, {"number", "level"}, {"fails"});
+        const std::uint32_t pin = number(child, "number", 0, highest_pin);
+        add(child, pin, pin);
+    }
+    for (const xmlNode *const child : elements_of(root, "pins")) {
+        check_names(child, {"first", "last", "level"}, {"fails"});
+        const std::uint32_t first = number(child, "first", 0, highest_pin);
+        add(child, first, number(child, "last", first, highest_pin));
+    }
+}
+
 std::optional<board_description> reader::read()
 {
     xmlSetStructuredErrorFunc(this, note_parser_error);
@@ -255,14 +313,9 @@ std::optional<board_description> reader::read()
         complain(root, "the root element is <" + to_string(root->name) + ">, but must be <board>");
         return std::nullopt;
     }
-    check_names(root, {}, {"bus"});
-    std::set<unsigned> numbers;
-    for (const xmlNode *const child : elements_of(root)) {
-        board.buses.push_back(read_bus(child));
-        if (!numbers.insert(board.buses.back().number).second) {
-            complain(child, "there is another bus of this number");
-        }
-    }
+    check_names(root, {}, {"bus", "pin", "pins"});
+    read_buses(root, board);
+    read_pins(root, board);
     return error_.empty() ? std::optional(board) : std::nullopt;
 }
 

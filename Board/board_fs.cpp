@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <sstream>
 
 namespace kivboard
@@ -15,13 +16,37 @@ namespace
 
 constexpr double cache_seconds = 3600.0; // the tree does not change while it is served
 
+} // namespace
+
+int board_file::read(std::string &)
+{
+    return -EOPNOTSUPP;
+}
+
+int board_file::write(std::string_view)
+{
+    return -EOPNOTSUPP;
+}
+
+int board_file::ioctl(const ioctl_request &)
+{
+    return -ENOTTY;
+}
+
+void board_file::wake()
+{
+    for (opening &each : openings_) {
+        // Taken before it is used: whoever wakes asks again, and with that gives a new one. A handle that the
+        // kernel no longer knows is of somebody who has stopped waiting.
+        if (const auto handle = std::move(each.waiting); handle != nullptr) {
+            fuse_lowlevel_notify_poll(handle.get());
+        }
+    }
 }
 
 struct board_fs::node {
     fuse_ino_t inode;
-    fuse_ino_t parent;
-    std::string name;
-    std::vector<node *> children;
+    std::map<std::string, node *, std::less<>> children;
     std::unique_ptr<board_file> file; // null for a directory
 
     [[nodiscard]] struct stat attributes() const
@@ -38,7 +63,7 @@ struct board_fs::node {
 
 board_fs::board_fs()
 {
-    nodes_.push_back(std::make_unique<node>(node{FUSE_ROOT_ID, FUSE_ROOT_ID, "", {}, nullptr}));
+    nodes_.push_back(std::make_unique<node>(node{FUSE_ROOT_ID, {}, nullptr}));
 }
 
 board_fs::~board_fs()
@@ -49,14 +74,12 @@ board_fs::~board_fs()
 
 board_fs::node &board_fs::child(node &parent, const std::string &name)
 {
-    for (node *const existing : parent.children) {
-        if (existing->name == name) {
-            return *existing;
-        }
+    node *&entry = parent.children[name];
+    if (entry == nullptr) {
+        nodes_.push_back(std::make_unique<node>(node{nodes_.size() + 1, {}, nullptr}));
+        entry = nodes_.back().get();
     }
-    nodes_.push_back(std::make_unique<node>(node{nodes_.size() + 1, parent.inode, name, {}, nullptr}));
-    parent.children.push_back(nodes_.back().get());
-    return *nodes_.back();
+    return *entry;
 }
 
 void board_fs::add(const std::string &path, std::unique_ptr<board_file> file)
@@ -74,10 +97,13 @@ bool board_fs::attach(int fuse_fd)
     fuse_lowlevel_ops operations = {};
     operations.lookup = on_lookup;
     operations.getattr = on_getattr;
+    operations.setattr = on_setattr;
     operations.open = on_open;
+    operations.release = on_release;
     operations.readdir = on_readdir;
     operations.read = on_read;
     operations.write = on_write;
+    operations.poll = on_poll;
     operations.ioctl = on_ioctl;
     char name[] = "kivboard";
     char *arguments[] = {name, nullptr};
@@ -103,22 +129,28 @@ board_fs::node *board_fs::find(fuse_req_t request, fuse_ino_t inode)
     return inode >= 1 && inode <= self->nodes_.size() ? self->nodes_[inode - 1].get() : nullptr;
 }
 
+board_file::opening &board_fs::opening_of(const fuse_file_info *info)
+{
+    return *reinterpret_cast<board_file::opening *>(info->fh);
+}
+
 void board_fs::on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name)
 {
     const node *const directory = find(request, parent);
+    const node *entry = nullptr;
     if (directory != nullptr) {
-        for (const node *const entry : directory->children) {
-            if (entry->name == name) {
-                fuse_entry_param reply = {};
-                reply.ino = entry->inode;
-                reply.attr = entry->attributes();
-                reply.attr_timeout = reply.entry_timeout = cache_seconds;
-                fuse_reply_entry(request, &reply);
-                return;
-            }
-        }
+        const auto found = directory->children.find(name);
+        entry = found != directory->children.end() ? found->second : nullptr;
     }
-    fuse_reply_err(request, ENOENT);
+    if (entry == nullptr) {
+        fuse_reply_err(request, ENOENT);
+        return;
+    }
+    fuse_entry_param reply = {};
+    reply.ino = entry->inode;
+    reply.attr = entry->attributes();
+    reply.attr_timeout = reply.entry_timeout = cache_seconds;
+    fuse_reply_entry(request, &reply);
 }
 
 void board_fs::on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info *)
@@ -132,6 +164,17 @@ void board_fs::on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info *
     fuse_reply_attr(request, &status, cache_seconds);
 }
 
+// Device nodes take every truncation, which the shell's ">" asks for, and go on as they were.
+void board_fs::on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat *, int which,
+                          fuse_file_info *info)
+{
+    if ((which & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0) {
+        fuse_reply_err(request, EPERM);
+        return;
+    }
+    on_getattr(request, inode, info);
+}
+
 void board_fs::on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info)
 {
     const node *const entry = find(request, inode);
@@ -139,9 +182,25 @@ void board_fs::on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info *inf
         fuse_reply_err(request, entry == nullptr ? ENOENT : EISDIR);
         return;
     }
+    board_file &file = *entry->file;
+    if (const int result = file.open(); result < 0) {
+        fuse_reply_err(request, -result);
+        return;
+    }
+    file.openings_.push_back({&file, "", nullptr});
+    info->fh = reinterpret_cast<std::uintptr_t>(&file.openings_.back());
     info->direct_io = 1;
-    info->nonseekable = 1;
-    fuse_reply_open(request, info);
+    info->nonseekable = file.is_seekable() ? 0 : 1;
+    if (fuse_reply_open(request, info) != 0) { // interrupted: nobody will release it
+        file.openings_.pop_back();
+    }
+}
+
+void board_fs::on_release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
+{
+    const board_file::opening &closed = opening_of(info);
+    closed.file->openings_.remove_if([&closed](const auto &each) { return &each == &closed; });
+    fuse_reply_err(request, 0);
 }
 
 void board_fs::on_readdir(fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offset,
@@ -152,14 +211,15 @@ void board_fs::on_readdir(fuse_req_t request, fuse_ino_t inode, std::size_t size
         fuse_reply_err(request, ENOTDIR);
         return;
     }
+    std::vector<std::pair<std::string, const node *>> entries = {{".", directory}, {"..", directory}};
+    entries.insert(entries.end(), directory->children.begin(), directory->children.end());
     std::vector<char> block(size);
     std::size_t used = 0;
-    for (auto at = static_cast<std::size_t>(offset); at < directory->children.size() + 2; ++at) {
-        const node *const entry = at < 2 ? directory : directory->children[at - 2];
-        const struct stat status = entry->attributes();
-        const char *const name = at == 0 ? "." : at == 1 ? ".." : entry->name.c_str();
-        const std::size_t needed = fuse_add_direntry(request, block.data() + used, size - used, name, &status,
-                                                     static_cast<off_t>(at + 1));
+    for (auto at = static_cast<std::size_t>(offset); at < entries.size(); ++at) {
+        const struct stat status = entries[at].second->attributes();
+        const std::size_t needed =
+            fuse_add_direntry(request, block.data() + used, size - used, entries[at].first.c_str(), &status,
+                              static_cast<off_t>(at + 1));
         if (needed > size - used) {
             break;
         }
@@ -168,27 +228,55 @@ void board_fs::on_readdir(fuse_req_t request, fuse_ino_t inode, std::size_t size
     fuse_reply_buf(request, block.data(), used);
 }
 
-void board_fs::on_read(fuse_req_t request, fuse_ino_t, std::size_t, off_t, fuse_file_info *)
+// The text is made at the start of the file only: whoever reads it in pieces, or until the end, gets one.
+void board_fs::on_read(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset, fuse_file_info *info)
 {
-    fuse_reply_err(request, EOPNOTSUPP);
+    board_file::opening &opened = opening_of(info);
+    const auto at = static_cast<std::size_t>(offset);
+    if (at == 0) {
+        opened.text.clear();
+        if (const int result = opened.file->read(opened.text); result < 0) {
+            fuse_reply_err(request, -result);
+            return;
+        }
+    }
+    const std::size_t left = at < opened.text.size() ? opened.text.size() - at : 0;
+    fuse_reply_buf(request, opened.text.data() + at, std::min(size, left));
 }
 
-void board_fs::on_write(fuse_req_t request, fuse_ino_t, const char *, std::size_t, off_t, fuse_file_info *)
+void board_fs::on_write(fuse_req_t request, fuse_ino_t, const char *data, std::size_t size, off_t,
+                        fuse_file_info *info)
 {
-    fuse_reply_err(request, EOPNOTSUPP);
+    const int result = opening_of(info).file->write({data, size});
+    if (result < 0) {
+        fuse_reply_err(request, -result);
+    } else {
+        fuse_reply_write(request, static_cast<std::size_t>(result));
+    }
 }
 
-void board_fs::on_ioctl(fuse_req_t request, fuse_ino_t inode, unsigned command, void *argument,
-                        fuse_file_info *, unsigned flags, const void *, std::size_t, std::size_t)
+// The answer and the handle that is kept belong together, as nothing happens between them: an event is either
+// in the answer, or comes later and finds the handle. The kernel gives one only when somebody is about to
+// wait.
+void board_fs::on_poll(fuse_req_t request, fuse_ino_t, fuse_file_info *info, fuse_pollhandle *handle)
 {
-    node *const entry = find(request, inode);
-    if (entry == nullptr || entry->file == nullptr) {
+    board_file::opening &opened = opening_of(info);
+    if (handle != nullptr) {
+        opened.waiting.reset(handle);
+    }
+    fuse_reply_poll(request, opened.file->poll());
+}
+
+void board_fs::on_ioctl(fuse_req_t request, fuse_ino_t, unsigned command, void *argument,
+                        fuse_file_info *info, unsigned flags, const void *, std::size_t, std::size_t)
+{
+    if ((flags & FUSE_IOCTL_DIR) != 0) { // a directory is opened without our knowing
         fuse_reply_err(request, ENOTTY);
         return;
     }
-    const int result =
-        entry->file->ioctl({fuse_req_ctx(request)->pid, command, reinterpret_cast<std::uintptr_t>(argument),
-                            sizeof(void *) == 4 || (flags & FUSE_IOCTL_COMPAT) != 0});
+    const int result = opening_of(info).file->ioctl(
+        {fuse_req_ctx(request)->pid, command, reinterpret_cast<std::uintptr_t>(argument),
+         sizeof(void *) == 4 || (flags & FUSE_IOCTL_COMPAT) != 0});
     if (result < 0) {
         fuse_reply_err(request, -result);
     } else {

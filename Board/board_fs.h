@@ -3,10 +3,13 @@
 
 #define FUSE_USE_VERSION 314
 #include <fuse_lowlevel.h>
+#include <poll.h>
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kivboard
@@ -20,14 +23,46 @@ struct ioctl_request {
     bool caller_is_32bit;
 };
 
+class board_fs;
+
 /// What a file of the board does. Every system call that a kind of file does not know is refused.
+/// Results are those of the call: not negative, or the negative of an errno value.
 class board_file
 {
 public:
     virtual ~board_file() = default;
 
-    /// @return The result of the call: not negative, or the negative of an errno value.
-    virtual int ioctl(const ioctl_request &request) = 0;
+    /// Whether the file has positions. One that has is text that is made when it is read from the start;
+    /// where a write begins does not matter.
+    [[nodiscard]] virtual bool is_seekable() const { return false; }
+
+    virtual int open() { return 0; }
+    virtual int read(std::string &text);
+    virtual int write(std::string_view data);
+    virtual int ioctl(const ioctl_request &request);
+
+    /// The events that are there. Like the kernel's, a file that does not know polling is always ready.
+    virtual unsigned poll() { return POLLIN | POLLOUT; }
+
+protected:
+    /// Has everybody who waits in poll() look again.
+    void wake();
+
+private:
+    friend class board_fs;
+
+    struct pollhandle_deleter {
+        void operator()(fuse_pollhandle *handle) const noexcept { fuse_pollhandle_destroy(handle); }
+    };
+
+    // An open file. The kernel lets all who wait on it share the handle that it gave last.
+    struct opening {
+        board_file *file;
+        std::string text; // as it was when last read from the start
+        std::unique_ptr<fuse_pollhandle, pollhandle_deleter> waiting;
+    };
+
+    std::list<opening> openings_;
 };
 
 class board_fs
@@ -56,17 +91,22 @@ private:
 
     static void on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name);
     static void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info);
+    static void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat *wanted, int which,
+                           fuse_file_info *info);
     static void on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info);
+    static void on_release(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info);
     static void on_readdir(fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offset,
                            fuse_file_info *info);
     static void on_read(fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offset,
                         fuse_file_info *info);
     static void on_write(fuse_req_t request, fuse_ino_t inode, const char *data, std::size_t size,
                          off_t offset, fuse_file_info *info);
+    static void on_poll(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info, fuse_pollhandle *handle);
     static void on_ioctl(fuse_req_t request, fuse_ino_t inode, unsigned command, void *argument,
                          fuse_file_info *info, unsigned flags, const void *in, std::size_t in_size,
                          std::size_t out_size);
     static node *find(fuse_req_t request, fuse_ino_t inode);
+    static board_file::opening &opening_of(const fuse_file_info *info);
 
     node &child(node &parent, const std::string &name);
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <sstream>
 
 namespace kivboard
@@ -108,39 +109,41 @@ void control_server::receive(client &from)
 {
     char block[512];
     const ssize_t got = recv(from.fd.get(), block, sizeof block, 0);
-    if (got <= 0 || from.answered || from.request.size() > longest_request) {
-        if (got != -1 || errno != EAGAIN) {
-            from.follows = false; // gone, or talking out of turn
-            from.answered = true;
-        }
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
-    from.request.append(block, static_cast<std::size_t>(got));
-    const std::size_t end = from.request.find('\n');
-    if (end == std::string::npos) {
-        return;
+    from.gone = got <= 0 || from.follows; // one who follows and talks is out of turn
+    if (!from.gone) {
+        from.requests.append(block, static_cast<std::size_t>(got));
     }
-    const control_reply reply = handle_(split(from.request.substr(0, end)));
-    from.reply = (reply.ok ? "ok\n" : "error\n") + reply.text;
-    from.answered = true;
-    from.follows = reply.follow;
 }
 
 void control_server::send(client &to)
 {
     const ssize_t sent = ::send(to.fd.get(), to.reply.data(), to.reply.size(), MSG_NOSIGNAL);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR) {
-        to.reply.clear();
-        to.follows = false;
-    } else if (sent > 0) {
+    if (sent > 0) {
         to.reply.erase(0, static_cast<std::size_t>(sent));
+    } else if (errno != EAGAIN && errno != EINTR) {
+        to.gone = true;
     }
 }
 
-void control_server::drop_finished()
+// Answers the lines that have come, as far as the client takes the answers.
+void control_server::answer(client &to)
 {
-    std::erase_if(clients_,
-                  [](const client &each) { return each.answered && !each.follows && each.reply.empty(); });
+    std::size_t end = 0;
+    while (to.reply.empty() && !to.gone && !to.follows &&
+           (end = to.requests.find('\n')) != std::string::npos) {
+        const control_reply reply = handle_(split(to.requests.substr(0, end)));
+        to.requests.erase(0, end + 1);
+        to.follows = reply.follow;
+        to.reply = std::string(!reply.ok      ? "error"
+                               : reply.follow ? "follow"
+                                              : "ok") +
+                   " " + std::to_string(reply.text.size()) + "\n" + reply.text;
+        send(to);
+    }
+    to.gone = to.gone || (to.requests.size() > longest_request && end == std::string::npos);
 }
 
 void control_server::serve(int fd)
@@ -155,7 +158,10 @@ void control_server::serve(int fd)
     } else {
         send(*found);
     }
-    drop_finished();
+    answer(*found);
+    if (found->gone) {
+        clients_.erase(found);
+    }
 }
 
 bool control_server::has_followers() const
@@ -177,37 +183,51 @@ bool is_board_at(const std::string &path)
     return connect_to(path).is_open();
 }
 
-int ask_board(const std::string &path, const std::vector<std::string> &words)
-{
-    const kiv::unique_fd board = connect_to(path);
-    if (!board.is_open()) {
-        std::fprintf(stderr, "kivboard: no board answers at %s\n", path.c_str());
-        return 1;
-    }
-    std::string request;
-    for (const std::string &word : words) {
-        request += word + " ";
-    }
-    request += "\n";
-    send(board.get(), request.data(), request.size(), MSG_NOSIGNAL);
+board_connection::board_connection(const std::string &path) : fd_(connect_to(path)) {}
 
-    std::string status;
+bool board_connection::receive()
+{
     char block[4096];
-    for (ssize_t got = 0;
-         (got = recv(board.get(), block, sizeof block, 0)) > 0 || (got < 0 && errno == EINTR);) {
-        std::string text(block, got > 0 ? static_cast<std::size_t>(got) : 0);
-        if (status.find('\n') == std::string::npos) {
-            status += text;
-            const std::size_t end = status.find('\n');
-            text = end != std::string::npos ? status.substr(end + 1) : "";
-            status.resize(std::min(status.size(), end != std::string::npos ? end + 1 : status.size()));
+    ssize_t got = 0;
+    do {
+        got = recv(fd_.get(), block, sizeof block, 0);
+    } while (got < 0 && errno == EINTR);
+    received_.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
+    return got > 0;
+}
+
+void board_connection::print(std::size_t size, FILE *to)
+{
+    do {
+        const std::size_t ready = std::min(size, received_.size());
+        std::fwrite(received_.data(), 1, ready, to);
+        std::fflush(to);
+        received_.erase(0, ready);
+        size -= ready;
+    } while (size > 0 && receive());
+}
+
+int board_connection::ask(const std::string &request)
+{
+    const std::string line = request + "\n";
+    send(fd_.get(), line.data(), line.size(), MSG_NOSIGNAL);
+    std::size_t end = 0;
+    while ((end = received_.find('\n')) == std::string::npos) {
+        if (!receive()) {
+            std::fputs("kivboard: the board has gone\n", stderr);
+            fd_.reset();
+            return 1;
         }
-        FILE *const stream = status == "ok\n" ? stdout : stderr;
-        std::fputs(status == "ok\n" || text.empty() ? "" : "kivboard: ", stream);
-        std::fwrite(text.data(), 1, text.size(), stream);
-        std::fflush(stream);
     }
-    return status == "ok\n" ? 0 : 1;
+    std::istringstream head(received_.substr(0, end));
+    received_.erase(0, end + 1);
+    std::string status;
+    std::size_t size = 0;
+    head >> status >> size;
+    const bool refused = status == "error";
+    std::fputs(refused ? "kivboard: " : "", stderr);
+    print(status == "follow" ? std::numeric_limits<std::size_t>::max() : size, refused ? stderr : stdout);
+    return refused ? 1 : 0;
 }
 
 } // namespace kivboard

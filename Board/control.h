@@ -1,6 +1,14 @@
-// The bench side of a running board: requests over a Unix socket, one line each, answered with text.
+// The bench side of a running board: requests over a Unix socket, a line of words each, answered with text.
+//
+// A connection carries any number of requests, answered in their order. An answer is a line "ok N" or "error
+// N", and then N bytes of text, whose lines are ended. A line "follow N" is an "ok" after whose text more
+// comes, until one side closes; no requests may come behind it. So a program that raises many interrupts
+// connects once:
+//     > raise 17          < ok 0
+//     > raise 99          < error 19, there is no pin 99
 #pragma once
 
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,7 +18,6 @@
 namespace kivboard
 {
 
-/// A reply is "ok" or "error" on a line, then the text. After "follow" more text may come.
 struct control_reply {
     bool ok = true;
     std::string text;
@@ -53,15 +60,15 @@ public:
 private:
     struct client {
         kiv::unique_fd fd;
-        std::string request;
-        std::string reply; // what is still to be sent
-        bool answered = false;
+        std::string requests; // lines to answer, and the beginning of one
+        std::string reply;    // what is still to be sent
         bool follows = false;
+        bool gone = false; // nothing more will come
     };
 
-    void receive(client &from);
-    void send(client &to);
-    void drop_finished();
+    static void receive(client &from);
+    static void send(client &to);
+    void answer(client &to);
 
     handler handle_;
     kiv::unique_fd listener_;
@@ -69,8 +76,23 @@ private:
     std::vector<client> clients_;
 };
 
-/// Sends a request to a board and prints what it answers. @return The exit status for the command.
-int ask_board(const std::string &path, const std::vector<std::string> &words);
+/// A connection to a board, for commands.
+class board_connection
+{
+public:
+    explicit board_connection(const std::string &path);
+    [[nodiscard]] bool is_open() const { return fd_.is_open(); }
+
+    /// Sends a request and prints what the board answers. @return The exit status for the command.
+    int ask(const std::string &request);
+
+private:
+    bool receive();
+    void print(std::size_t size, FILE *to); // so much of what comes, or until the board closes
+
+    kiv::unique_fd fd_;
+    std::string received_; // what is not yet used of it
+};
 
 /// Whether a board answers at this path.
 bool is_board_at(const std::string &path);

@@ -7,17 +7,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "board.h"
+#include "requests.h"
 
 namespace
 {
@@ -32,7 +35,8 @@ constexpr int exit_no_command = 127;
 
 constexpr char usage_text[] =
     "usage: kivboard run [OPTION...] -- COMMAND [ARGUMENT...]\n"
-    "       kivboard peek|poke|journal ...\n"
+    "       kivboard raise|level|fail|mend|peek|poke|journal ...\n"
+    "       kivboard -\n"
     "       kivboard check\n"
     "\n"
     "run starts a virtual board and runs COMMAND on it: in a file system of its own, in which the\n"
@@ -45,12 +49,30 @@ constexpr char usage_text[] =
     "\n"
     "From inside COMMAND or from another terminal (--socket PATH right after the command, else\n"
     "$KIVBOARD_SOCKET, else the default):\n"
+    "  raise PIN [COUNT]                    interrupts of a pin: COUNT pulses, else one\n"
+    "  level PIN [VALUE]                    shows the level of a pin, or sets it at the input, which\n"
+    "                                       interrupts at a change (edge-triggered) or when it is 1\n"
+    "                                       (level-triggered)\n"
+    "  fail PIN NODE OPERATION              from now on an operation fails: open, read, write or poll\n"
+    "                                       of level, irq, irqmask, irqrequest or irqconfig\n"
+    "  mend PIN [NODE [OPERATION]]          it works again; all of a node, or of the pin\n"
     "  peek BUS ADDRESS REGISTER [COUNT]    shows registers of a device\n"
     "  poke BUS ADDRESS REGISTER VALUE...   sets them\n"
-    "  journal [--follow]                   shows every transfer and poke, a line each:\n"
+    "  journal [--follow]                   shows what the board saw, a line each:\n"
     "                                         1 i2c-4 0x18 W[0f] R[33] ok\n"
     "                                         2 i2c-4 0x55 W[0f] R[1 bytes] no answer\n"
     "                                         3 i2c-4 0x18 poke 0x0f=[2a]\n"
+    "                                         4 gpio_17 irqmask W[0] ok\n"
+    "                                         5 gpio_17 raise 3: counted, 3 pending\n"
+    "                                         6 gpio_17 irq R[3] ok\n"
+    "                                         7 gpio_5 raise 1: dropped, not requested\n"
+    "  -                                    takes such commands from the standard input, a line each,\n"
+    "                                       all over one connection: the way to raise many interrupts\n"
+    "\n"
+    "A pin shows as /sys/user_hw/pins/gpios/gpio_N/. What is raised is counted while the interrupt is\n"
+    "requested (irqrequest 1) and not masked (irqmask 0), else dropped, and raise says so. irq has\n"
+    "POLLPRI while something is counted; reading it from the start shows the count, which is 0 then.\n"
+    "A node that fails gives EIO, and to poll POLLERR.\n"
     "\n"
     "check tells, by its exit status and one line, whether a board can run on this machine.\n"
     "\n"
@@ -340,35 +362,57 @@ int command_check(const words &arguments)
     return exit_status(status);
 }
 
-int ask(const char *request, const words &arguments)
+// Takes "--socket PATH" off the front of the arguments. @return Where the board answers.
+std::string take_socket(words &arguments)
 {
-    std::size_t first = 0;
-    const char *const inherited = std::getenv("KIVBOARD_SOCKET");
-    std::string socket = inherited != nullptr ? inherited : default_socket();
     if (arguments.size() >= 2 && arguments[0] == "--socket") {
-        socket = arguments[1];
-        first = 2;
+        std::string socket = arguments[1];
+        arguments.erase(arguments.begin(), arguments.begin() + 2);
+        return socket;
     }
-    words line = {request};
-    line.insert(line.end(), arguments.begin() + static_cast<std::ptrdiff_t>(first), arguments.end());
-    return kivboard::ask_board(socket, line);
+    const char *const inherited = std::getenv("KIVBOARD_SOCKET");
+    return inherited != nullptr ? inherited : default_socket();
 }
 
-int command_peek(const words &arguments)
+int complain_of_no_board(const std::string &socket)
 {
-    return arguments.size() < 3 ? usage_error("peek needs BUS ADDRESS REGISTER [COUNT]")
-                                : ask("peek", arguments);
+    return complain(1, "no board answers at " + socket);
 }
 
-int command_poke(const words &arguments)
+int command_request(const kivboard::request_form &form, words arguments)
 {
-    return arguments.size() < 4 ? usage_error("poke needs BUS ADDRESS REGISTER VALUE...")
-                                : ask("poke", arguments);
+    const std::string socket = take_socket(arguments);
+    arguments.insert(arguments.begin(), form.name);
+    if (const std::string problem = kivboard::misuse(form, arguments); !problem.empty()) {
+        return usage_error(problem);
+    }
+    std::string line;
+    for (const std::string &word : arguments) {
+        line += word + " ";
+    }
+    std::replace(line.begin(), line.end(), '\n', ' '); // one command is one request
+    kivboard::board_connection board(socket);
+    return board.is_open() ? board.ask(line) : complain_of_no_board(socket);
 }
 
-int command_journal(const words &arguments)
+int command_requests(const words &arguments)
 {
-    return ask("journal", arguments);
+    words rest = arguments;
+    const std::string socket = take_socket(rest);
+    if (!rest.empty()) {
+        return usage_error("- takes no arguments");
+    }
+    kivboard::board_connection board(socket);
+    if (!board.is_open()) {
+        return complain_of_no_board(socket);
+    }
+    int status = 0;
+    for (std::string line; board.is_open() && std::getline(std::cin, line);) {
+        if (line.find_first_not_of(" \t\r") != std::string::npos) {
+            status = std::max(status, board.ask(line));
+        }
+    }
+    return status;
 }
 
 int command_help(const words &)
@@ -386,9 +430,8 @@ int command_version(const words &)
 constexpr struct {
     const char *name;
     int (*run)(const words &arguments);
-} commands[] = {{"run", command_run},   {"check", command_check},      {"peek", command_peek},
-                {"poke", command_poke}, {"journal", command_journal},  {"--help", command_help},
-                {"-h", command_help},   {"--version", command_version}};
+} commands[] = {{"run", command_run},     {"check", command_check}, {"-", command_requests},
+                {"--help", command_help}, {"-h", command_help},     {"--version", command_version}};
 
 } // namespace
 
@@ -399,6 +442,11 @@ int main(int argc, char **argv)
         if (!arguments.empty() && arguments[0] == name) {
             return run(words(arguments.begin() + 1, arguments.end()));
         }
+    }
+    const kivboard::request_form *const form =
+        !arguments.empty() ? kivboard::find_request(arguments[0]) : nullptr;
+    if (form != nullptr) {
+        return command_request(*form, words(arguments.begin() + 1, arguments.end()));
     }
     return usage_error(arguments.empty() ? "a command is needed" : "there is no command " + arguments[0]);
 }

@@ -45,6 +45,23 @@ TEST_F(BoardFile, DescribesBusesAndDevices)
     EXPECT_EQ(board->buses[0].devices[1].size, 256U);
 }
 
+TEST_F(BoardFile, DescribesPins)
+{
+    const auto board = read("<board><pins first='2' last='4' level='1'><fails node='irq' operation='poll'/>"
+                            "<fails node='level' operation='open'/></pins><pin number='99999'/></board>");
+    ASSERT_TRUE(board) << error_;
+    ASSERT_EQ(board->pins.size(), 4U);
+    EXPECT_EQ(board->pins[0].number, 99'999U) << "single pins come first";
+    EXPECT_FALSE(board->pins[0].level);
+    EXPECT_TRUE(board->pins[0].failures.empty());
+    EXPECT_EQ(board->pins[1].number, 2U);
+    EXPECT_EQ(board->pins[3].number, 4U);
+    EXPECT_TRUE(board->pins[3].level);
+    ASSERT_EQ(board->pins[3].failures.size(), 2U);
+    EXPECT_EQ(board->pins[3].failures[0].attribute, kivboard::gpio_attribute::irq);
+    EXPECT_EQ(board->pins[3].failures[0].operation, kivboard::gpio_operation::poll);
+}
+
 TEST_F(BoardFile, MistakesAreNamedWithTheirLine)
 {
     const struct {
@@ -77,6 +94,20 @@ TEST_F(BoardFile, MistakesAreNamedWithTheirLine)
         {"<board><bus number='1'><device name='d' address='9'><at register='255' bytes='1 "
          "2'/></device></bus></board>",
          ":1: the bytes reach beyond the last register of d"},
+        {"<board><pin/></board>", ":1: <pin> needs the attribute \"number\""},
+        {"<board><pin number='100000'/></board>",
+         ":1: number is \"100000\", but must be a number from 0 to 99999"},
+        {"<board><pins first='5' last='4'/></board>",
+         ":1: last is \"4\", but must be a number from 5 to 99999"},
+        {"<board><pins first='0' last='9'/>\n<pins first='9' last='12'/></board>",
+         ":2: there is another pin 9"},
+        {"<board><pin number='1' level='2'/></board>",
+         ":1: level is \"2\", but must be a number from 0 to 1"},
+        {"<board><pin number='1'><fails operation='read'/></pin></board>",
+         ":1: node is \"\", but must be level, irq, irqmask, irqrequest or irqconfig"},
+        {"<board><pin number='1'><fails node='irq' operation='seek'/></pin></board>",
+         ":1: operation is \"seek\", but must be open, read, write or poll"},
+        {"<board><pin number='1' last='4'/></board>", ":1: <pin> has no attribute \"last\""},
     };
     for (const auto &[xml, error] : cases) {
         EXPECT_FALSE(read(xml)) << xml;

@@ -111,6 +111,7 @@ KIV_API int _test_kiv_thread(int argc, char **argv, unsigned testFlags);
 KIV_API int _kiv_test_biostress(int argc, char **argv, unsigned testFlags);
 KIV_API int _zol_test_cpubench(int argc, char **argv, unsigned testFlags);
 KIV_API int _kiv_test_tokens(int argc, char **argv, unsigned testFlags);
+KIV_API int test_gpio(int argc, char **argv, unsigned testFlags);
 KIV_API int test_events(int argc, char **argv, unsigned testFlags);
 /** @} */
 

@@ -31,6 +31,7 @@
 #include "zol/kiv_debug.h"
 #include "zol/kiv_events.h"
 #include "zol/kiv_export.h"
+#include "zol/kiv_gpio.h"
 #include "zol/kiv_i2c.h"
 #include "zol/kiv_spi.h"
 #include "zol/kiv_status.h"

@@ -4,7 +4,7 @@ namespace
 {
 
 constexpr kiv_test_item g_testItems[] = {
-    {"gpio", "test the kiv_gpio module", "TBD", nullptr, 0},
+    {"gpio", "test the kiv_gpio module", "TBD", test_gpio, 0},
     {"kiv_thread", "Test the kiv_thread module", "", _test_kiv_thread, 1},
     {"biostress", "Stress test fs and bio",
      "-t or --threads <n>  : Number of threads to run\n"

@@ -72,6 +72,7 @@ constexpr startup_step startup_steps[] = {
     {kiv_config_init, is_one, __LINE__},
     {start<kiv_debug_init>, is_not_negative, __LINE__},
     {start<kiv_token_init>, is_zero, __LINE__},
+    {start<kiv_gpio_init>, is_zero, __LINE__},
     {start<kiv_thread_init>, is_not_negative, __LINE__},
     {start<kiv_events_init>, is_not_negative, __LINE__},
     {read_config_name, is_one, __LINE__},
@@ -86,7 +87,8 @@ int32_t deinit_tokens()
 
 // Every module's stop copes with a module that was never started.
 constexpr int32_t (*module_deinits[])() = {
-    kiv_config_deinit, kiv_i2c_deinit, deinit_tokens, kiv_debug_deinit, kiv_thread_deinit, kiv_events_deinit,
+    kiv_config_deinit, kiv_i2c_deinit,    kiv_gpio_deinit,   deinit_tokens,
+    kiv_debug_deinit,  kiv_thread_deinit, kiv_events_deinit,
 };
 
 void deinit_modules()

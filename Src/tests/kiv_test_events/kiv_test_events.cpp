@@ -16,6 +16,7 @@
 #include <new>
 
 #include "common/console.h"
+#include "common/log_as.h"
 #include "common/text.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_events.h"
@@ -50,16 +51,6 @@ kiv_event_wait_entry event[num_events]; // of __test02
 char name[num_events][text_size];       // of __test02
 pthread_attr_t g_attr;
 pthread_t g_listener;
-
-// A log line named after the test that it belongs to.
-#define LOG_FROM(test, level, prefix, text, ...)                                                             \
-    do {                                                                                                     \
-        if (__atomic_load_n(&g_debugLevel, __ATOMIC_RELAXED) >= (level) || (level) == 1) {                   \
-            _kiv_block_print(level, prefix text, test, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                 \
-        }                                                                                                    \
-    } while (0)
-#define ERRR_FROM(test, ...) LOG_FROM(test, 1, KIV_LOG_PREFIX_ERRR, __VA_ARGS__)
-#define INF1_FROM(test, ...) LOG_FROM(test, 3, KIV_LOG_PREFIX_INF1, __VA_ARGS__)
 
 intptr_t id_of(const void *handle)
 {
@@ -155,9 +146,9 @@ kiv_event_group *create_group(const char *test)
 {
     kiv_event_group *group = nullptr;
     if (const int32_t status = kiv_events_create_group(group_name, &group); status != KIV_OK) {
-        ERRR_FROM(test, "failed creating event group err=%d\n", status);
+        KIV_LOG_AS(test, ERRR, "failed creating event group err=%d\n", status);
     } else {
-        INF1_FROM(test, "event group created, ID = %" PRIdPTR "\n", id_of(group));
+        KIV_LOG_AS(test, INF1, "event group created, ID = %" PRIdPTR "\n", id_of(group));
     }
     return group;
 }
@@ -165,11 +156,11 @@ kiv_event_group *create_group(const char *test)
 kiv_event_item *create_item(const char *test, const char *item_name, kiv_event_group *group)
 {
     kiv_event_item *item = nullptr;
-    INF1_FROM(test, "creating event %s\n", item_name);
+    KIV_LOG_AS(test, INF1, "creating event %s\n", item_name);
     if (const int32_t status = kiv_events_create_event(item_name, nullptr, group, &item); status != KIV_OK) {
-        ERRR_FROM(test, "create event failed err=%d\n", status);
+        KIV_LOG_AS(test, ERRR, "create event failed err=%d\n", status);
     } else {
-        INF1_FROM(test, "created event (ID=%" PRIdPTR ")\n", id_of(item));
+        KIV_LOG_AS(test, INF1, "created event (ID=%" PRIdPTR ")\n", id_of(item));
     }
     return item;
 }
@@ -177,7 +168,7 @@ kiv_event_item *create_item(const char *test, const char *item_name, kiv_event_g
 void notify_item(const char *test, kiv_event_item *item, const char *text)
 {
     if (const int32_t status = notify_text(item, text); status != KIV_OK) {
-        ERRR_FROM(test, "notify event failed err=%d\n", status);
+        KIV_LOG_AS(test, ERRR, "notify event failed err=%d\n", status);
     }
 }
 
@@ -192,7 +183,7 @@ bool create_enabled_items(const char *test, kiv_event_group *group)
             continue;
         }
         if (const int32_t status = kiv_events_set_enable_event(item, 1); status != KIV_OK) {
-            ERRR_FROM(test, "failed setting enable mode, err %d\n", status);
+            KIV_LOG_AS(test, ERRR, "failed setting enable mode, err %d\n", status);
             return false;
         }
     }
@@ -207,8 +198,8 @@ void notify_enabled_items(const char *test, int32_t iterations)
             kiv_event_item *const item = ev_item[0][index];
             char text[text_size];
             format_text(text, item, index, cycle);
-            INF1_FROM(test, "calling notify for event %" PRIdPTR " (%s), %d\n", id_of(item),
-                      g_listener_info.names[index], ++number);
+            KIV_LOG_AS(test, INF1, "calling notify for event %" PRIdPTR " (%s), %d\n", id_of(item),
+                       g_listener_info.names[index], ++number);
             notify_item(test, item, text);
         }
     }

@@ -30,6 +30,13 @@ bool parse_line(std::string text, log_line &line)
     return true;
 }
 
+// Only what is captured: other streams may be stalled, and flushing them would wait.
+void flush()
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+}
+
 } // namespace
 
 std::vector<log_line> parse_log(std::string_view output)
@@ -59,7 +66,7 @@ void log_capture::restore(const redirection &stream)
 
 std::string log_capture::contents(const redirection &stream)
 {
-    std::fflush(nullptr);
+    flush();
     std::string text;
     char block[4096];
     for (ssize_t got = 0;
@@ -71,7 +78,7 @@ std::string log_capture::contents(const redirection &stream)
 
 log_capture::log_capture()
 {
-    std::fflush(nullptr);
+    flush();
     out_ = redirect(STDOUT_FILENO);
     err_ = redirect(STDERR_FILENO);
 }

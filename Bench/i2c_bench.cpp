@@ -11,10 +11,9 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <cstdlib>
-#include <string>
 
 #include "one_core.h"
+#include "started_library.h"
 #include "table.h"
 #include "zol/zol.h"
 
@@ -30,28 +29,14 @@ bool g_stand_in;
 class device
 {
 public:
-    device(benchmark::State &state, bool stand_in)
+    device(benchmark::State &state, bool stand_in) : library_(stand_in ? "/dev/null" : "/dev/i2c-4")
     {
         g_stand_in = stand_in;
-        char path[] = "/tmp/zol-bench-XXXXXX";
-        const int file = mkstemp(path);
-        const std::string node = stand_in ? path : "/dev/i2c-4";
-        const std::string xml = "<c><devices><general><configName>b</configName><debugLevel>1</debugLevel>"
-                                "<systemTokensPath>/</systemTokensPath><i2c_buses_num>4</i2c_buses_num>"
-                                "<i2c_bus_4_dev>" +
-                                node + "</i2c_bus_4_dev></general></devices></c>";
-        const bool written = write(file, xml.data(), xml.size()) == static_cast<ssize_t>(xml.size());
-        close(file);
-        if (!written || zol_init(path) != KIV_OK || kiv_i2c_open(&handle, 4, device_address) != KIV_OK) {
+        if (!library_.is_started() || kiv_i2c_open(&handle, 4, device_address) != KIV_OK) {
             state.SkipWithError("no I2C device; run on the virtual board");
         }
-        unlink(path);
     }
-    ~device()
-    {
-        kiv_i2c_close(&handle);
-        zol_deinit();
-    }
+    ~device() { kiv_i2c_close(&handle); }
     device(const device &) = delete;
     device &operator=(const device &) = delete;
 
@@ -59,6 +44,7 @@ public:
 
 private:
     zol_bench::on_one_core pinned_; // which is the board's
+    zol_bench::started_library library_;
 };
 
 void finish(benchmark::State &state, unsigned long allocations_before)

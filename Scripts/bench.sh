@@ -54,10 +54,10 @@ quietly "building" cmake --build --preset bench
 say ""
 
 if "$bin/kivboard" check; then
-    # The board stays on one core, where the I2C benchmarks join it; the others have all cores.
-    taskset -c 0 "$bin/kivboard" run -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@"
+    # The board stays on one core, where the benchmarks that use it join it; the others have all cores.
+    taskset -c 0 "$bin/kivboard" run --board Bench/kiv_board.xml -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@"
 else
-    "$bin/zol_bench" --benchmark_filter='-^i2c/' "$@"
+    "$bin/zol_bench" --benchmark_filter='-^(i2c|gpio)/' "$@"
 fi
 
 printf '\n%-58s %12s %28s\n' "instructions on top, per call" "more" "goal"

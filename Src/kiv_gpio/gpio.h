@@ -30,8 +30,10 @@ extern const pin_kind simulated_pin;
 
 } // namespace kiv::gpio
 
-// The first fields are the record proper, the others the module's own. All are guarded by g_gpio_db.lock.
+// All fields are guarded by g_gpio_db.lock. The list's link comes first, close to the number: a walk through
+// the table then touches little memory. What is behind sim_value is the module's own.
 struct gpio_item {
+    GList place; // in the pin table
     std::unique_ptr<char[]> name;
     int32_t gpio;
     kiv_gpio_cbk cbk;
@@ -49,7 +51,6 @@ struct gpio_item {
     int32_t sim_value;
 
     const kiv::gpio::pin_kind *kind;
-    GList place;         // in the pin table
     int failures;        // of its "irq" node, in a row
     bool is_given_up;    // not watched until its callback is registered anew
     bool is_in_poll_set; // the listener's, as last rebuilt

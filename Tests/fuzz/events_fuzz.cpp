@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -35,11 +34,11 @@ void require(bool holds)
     }
 }
 
-// The end of a pipe for writing, of which the other end is known.
-kiv::unique_fd open_writer(int reader)
+void write_to(int reader, const uint8_t *data, std::size_t size)
 {
-    return kiv::unique_fd(
-        open(("/proc/self/fd/" + std::to_string(reader)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::string pipe = "/proc/self/fd/" + std::to_string(reader);
+    const kiv::unique_fd writer(open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    require(write(writer.get(), data, size) == static_cast<ssize_t>(size));
 }
 
 int bytes_in(int reader)
@@ -76,8 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     require(kiv_events_create_event("fuzzed", nullptr, group, &item) == KIV_OK);
     require(kiv_events_set_enable_event(item, 1) == KIV_OK);
     require(kiv_events_get_event_fd("fuzzed", &reader) == KIV_OK);
-    const ssize_t foreign = static_cast<ssize_t>(std::min<std::size_t>(size - 2, 32'768));
-    require(write(open_writer(reader).get(), data + 2, static_cast<std::size_t>(foreign)) == foreign);
+    write_to(reader, data + 2, std::min<std::size_t>(size - 2, 32'768));
     require(kiv_events_notify(item, data, 2, 0) == KIV_OK); // may become the payload of what is there
     for (int left = bytes_in(reader); left > 0;) {
         wait_with_room(room);

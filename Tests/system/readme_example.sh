@@ -6,6 +6,7 @@ set -eu
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
+# shellcheck disable=SC2016 # the backquotes are Markdown's
 sed -n '/^```c$/,/^```$/p' "$1" | sed '1d;$d' > "$scratch/shown"
 sed '1,/^ \*\/$/d' "$2" > "$scratch/built"
 [ -s "$scratch/built" ]

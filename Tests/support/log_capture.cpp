@@ -59,7 +59,8 @@ void log_capture::restore(const redirection &stream)
 
 std::string log_capture::contents(const redirection &stream)
 {
-    std::fflush(nullptr);
+    std::fflush(stdout); // and no other stream: one may be held by a thread that is stuck in writing it
+    std::fflush(stderr);
     std::string text;
     char block[4096];
     for (ssize_t got = 0;

@@ -100,7 +100,9 @@ bool board_fs::serve_one()
 board_fs::node *board_fs::find(fuse_req_t request, fuse_ino_t inode)
 {
     auto *const self = static_cast<board_fs *>(fuse_req_userdata(request));
-    return inode >= 1 && inode <= self->nodes_.size() ? self->nodes_[inode - 1].get() : nullptr;
+    return inode >= 1 && inode <= self->nodes_.size()
+               ? self->nodes_[static_cast<std::size_t>(inode - 1)].get()
+               : nullptr;
 }
 
 void board_fs::on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name)

@@ -4,6 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <iterator>
+#include <sstream>
+
 #include "common/unique_fd.h"
 
 namespace zol_test
@@ -17,6 +21,14 @@ std::string contents(const kiv::unique_fd &file)
     const ssize_t got = pread(file.get(), text.data(), text.size(), 0);
     text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return text;
+}
+
+// The words of $ZOL_EMULATOR.
+std::vector<std::string> emulator()
+{
+    const char *const command = std::getenv("ZOL_EMULATOR");
+    std::istringstream words(command != nullptr ? command : "");
+    return {std::istream_iterator<std::string>(words), {}};
 }
 
 [[noreturn]] void become(std::vector<char *> &words, const std::string &directory, int out, int err)
@@ -33,9 +45,11 @@ std::string contents(const kiv::unique_fd &file)
 
 command_result run_command(const std::vector<std::string> &words, const std::string &directory)
 {
+    std::vector<std::string> whole = emulator();
+    whole.insert(whole.end(), words.begin(), words.end());
     std::vector<char *> arguments;
-    for (const std::string &word : words) {
-        arguments.push_back(const_cast<char *>(word.c_str()));
+    for (std::string &word : whole) {
+        arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
     const kiv::unique_fd out(memfd_create("out", MFD_CLOEXEC));

@@ -129,6 +129,11 @@ run_steps() {
     board_step "it can run here"       ""                          "kivboard check"
     board_step "example"               "it is a 0x33"              "read_register"
     board_step "journal"               "W[20 5a] ok"               "kivtest.exe -t write_i2c -r 0x20 -v 0x5a; kivboard journal"
+    board_step "GPIO: a pin's life"    "Test PASSED!"              "kivtest.exe -x -m gpio -c 3 -e 17"
+    board_step "GPIO: restarts"        "Test PASSED!"              "kivtest.exe -x -m gpio -c 2 -d"
+    board_step "GPIO: registrations"   "Test PASSED!"              "kivtest.exe -x -m gpio -c 5 -r 17"
+    board_step "interrupt to output"   "press 3: the sensor says 0x33, the lamp is on" \
+        "button_lamp & until [ -z \"\$(kivboard raise 17)\" ]; do sleep 0.1; done; kivboard raise 17 2; wait"
     step "tests of the library"        "passed, 0 failed, 0 skipped" /init --each-test zol_tests
     step "tests of the virtual board"  "passed, 0 failed, 0 skipped" /init --each-test board_tests
     step "tests of the tool"           "passed, 0 failed, 0 skipped" /init --each-test zol_system_tests

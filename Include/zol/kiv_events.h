@@ -41,13 +41,14 @@
  * number that it is.
  *
  * **Names** need not be unique. Of several events of one name the newest one of the newest group that has one
- * is found. Names are kept up to 63 characters; an event whose name was longer is not found by name.
+ * is found. Names are kept up to 63 characters; an event whose name was longer is found by the 63 kept.
  *
  * **Threads.** All operations may be called on all threads at once, also while others wait or are blocked in
  * a notification; notifications of one event come through as whole records, one after another, whatever their
- * size. One thing is the caller's to avoid: deleting an event while another thread is inside a call on it.
+ * size. One thing is the caller's to avoid: deleting an event while another thread is inside a call on it (a
+ * notifier that is blocked in it gets SIGPIPE, at the best).
  * Two waiters that are woken by the same record race for it; the loser's entry does not fire, and an ERRR
- * line says that there was no record left. Reading never spans processes: descriptors are closed on exec.
+ * line says that there was no record left. Descriptors are closed on exec; a forked child shares them.
  *
  * All operations that take a handle or a name return KIV_ERR_INVALID_PARAM, after an ERRR line, where it
  * stands for no live group or event. Groups and events outlive kiv_events_deinit().
@@ -66,8 +67,10 @@ typedef struct kiv_event_item kiv_event_item;   /**< an event; from create until
 
 /**
  * Sees each notification of an enabled event first, on the notifying thread. Other notifications of the same
- * event wait meanwhile; the callback may send some itself. It must not delete the event.
- * @param container  The last record that was sent, header and all; null before the first.
+ * event wait meanwhile. The callback may notify its own event, and events without a callback; two events
+ * whose callbacks notify each other would wait for each other. It must not delete the event.
+ * @param container  The last record that was sent, header and all; null before the first. Good until the
+ *                   callback returns or notifies.
  * @param payload    The notifier's bytes, @p size of them.
  * @param userArg    What the notifier passed.
  * @return 0 when the notification is taken care of and nothing is to be sent; anything else sends it.
@@ -176,7 +179,8 @@ KIV_API int32_t kiv_events_get_event_fd(const char *name, int32_t *out);
  * @retval KIV_ERR_INVALID_PARAM  An entry names no live event or has room but no buffer, @p entries is null,
  * or @p count 0. Nothing was taken.
  * @retval KIV_ERR_NO_MEMORY      No memory to wait on more than 64 events. Nothing was taken.
- * @retval KIV_ERR_SYSTEM         The system refused to wait on that many.
+ * @retval KIV_ERR_SYSTEM         The system refused to wait, as it does on more events than a process may
+ * have descriptors.
  */
 KIV_API int32_t kiv_events_wait_for(kiv_event_wait_entry *entries, uint32_t count, int32_t timeoutUs);
 

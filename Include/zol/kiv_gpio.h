@@ -32,16 +32,21 @@
  *
  * **Threads.** All operations may be called on all threads at once. Registering, unregistering and freeing
  * wait until the listener has taken notice, and so for callbacks that are running; none of them waits for a
- * listener that is being stopped.
+ * listener that is being stopped. After a fork() the child has no listener: in it the module is not started.
  *
- * **Callbacks** hold up all pins and all other operations of this module while they run, so they should be
- * short: post an event, send a message. In a callback the operations of this module are refused with
- * KIV_ERR_STATE and an ERRR line, except kiv_gpio_set_simulator_mode().
+ * **Callbacks** hold up all pins and all other operations of this module while they run, the stop included,
+ * so they should be short and must not wait: post an event that is sure to be read (a full one holds up its
+ * notifiers), send an asynchronous message, do not take kiv_lock() (zol_deinit() holds it). In a callback the
+ * operations of this module are refused with KIV_ERR_STATE and an ERRR line, except
+ * kiv_gpio_set_simulator_mode(); zol_deinit() must not be called. Signals other than those of faults are
+ * blocked there. Of many interrupts at once 256 are called back at a time, the others when the rest of the
+ * module has had its turn; what a stop leaves is called back after the next start.
  *
  * **Errors of nodes.** A level that cannot be written or read, and a node that cannot be written at
  * registration, are reported at ERRR and change no result. A pin whose "irq" node reports errors three times
- * in a row is no longer watched, after an ERRR line, until its callback is registered anew. Counts that are
- * negative or beyond 2,147,483,647 are errors too.
+ * in a row, or wakes the listener a thousand times in a row without an interrupt, is no longer watched, after
+ * an ERRR line, until its callback is registered anew. Counts that are no numbers, negative or beyond
+ * 2,147,483,647 are errors too.
  */
 #ifndef ZOL_KIV_GPIO_H
 #define ZOL_KIV_GPIO_H

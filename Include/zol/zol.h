@@ -63,7 +63,8 @@ KIV_API int32_t zol_init(const char *configFile);
 KIV_API int32_t zol_deinit(void);
 
 /** Takes the library lock, a mutex for the application's own use. Not recursive. On a library that is not
- * started an assertion is logged and nothing is locked. */
+ * started an assertion is logged and nothing is locked. zol_deinit() holds it while it waits for the modules'
+ * threads, so the callbacks of pins must not take it. */
 KIV_API void kiv_lock(void);
 
 /** Releases the library lock, which the calling thread holds. */

@@ -33,7 +33,7 @@ private:
 
     int line_;
     const char *function_;
-    bool is_on_; // decided at the entry, so that a pair is never half logged
+    bool is_on_; // decided at the entry
 };
 
 } // namespace kiv

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace kiv
@@ -12,6 +13,12 @@ namespace kiv
 inline const char *shown(const char *name) noexcept
 {
     return name != nullptr ? name : "?!?";
+}
+
+/// How an address shows in the log: as the number that it is.
+inline std::uintptr_t number_of(const void *address) noexcept
+{
+    return reinterpret_cast<std::uintptr_t>(address);
 }
 
 /// A null text where an empty one serves.

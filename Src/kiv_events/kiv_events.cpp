@@ -7,11 +7,15 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <new>
 #include <string_view>
 
 #include "common/call_trace.h"
 #include "common/immortal.h"
+#include "common/intrusive_list.h"
+#include "common/log_as.h"
 #include "common/mutex.h"
 #include "common/text.h"
 #include "handle_set.h"
@@ -20,6 +24,7 @@
 #include "zol/kiv_status.h"
 
 using kiv::call_trace;
+using kiv::number_of;
 using kiv::scoped_lock;
 
 namespace
@@ -44,11 +49,6 @@ constinit kiv::immortal<kiv::handle_set> g_items;
 
 int32_t g_simulation; // atomic
 
-uintptr_t number_of(const void *handle) noexcept
-{
-    return reinterpret_cast<uintptr_t>(handle);
-}
-
 std::string_view key_of(const char *name) noexcept
 {
     return {name, strnlen(name, name_size)};
@@ -59,16 +59,13 @@ std::size_t hash_of(std::string_view name) noexcept
     return std::hash<std::string_view>()(name);
 }
 
-// The first word of the record behind a handle, without a look at memory that is not a live record's.
+// The signature of the record behind a handle, without a look at its memory.
 uint32_t signature_of(const void *handle) noexcept
 {
     if (g_items->contains(handle)) {
-        return static_cast<const kiv_event_item *>(handle)->signature;
+        return item_signature;
     }
-    if (g_groups->contains(handle)) {
-        return static_cast<const kiv_event_group *>(handle)->signature;
-    }
-    return dead_signature;
+    return g_groups->contains(handle) ? group_signature : dead_signature;
 }
 
 bool is_newer(const kiv_event_item &one, const kiv_event_item &other) noexcept
@@ -94,14 +91,6 @@ kiv_event_item *find_newest(const char *name) KIV_REQUIRES(g_lock)
     return newest;
 }
 
-// Prepends a record to a list by the link that it carries.
-template <typename Record>
-void prepend(GList *&list, Record &record) noexcept
-{
-    record.place = {&record, nullptr, nullptr};
-    list = g_list_concat(&record.place, list);
-}
-
 template <typename Record>
 void mark_dead(Record &record) noexcept
 {
@@ -111,7 +100,8 @@ void mark_dead(Record &record) noexcept
 void close_end(int32_t &fd, const char *end)
 {
     if (const int result = close(fd); result != 0) {
-        KIV_LOG_ERRR("Failed closing %s fd %d ret %d errno %d\n", end, fd, result, errno);
+        KIV_LOG_AS("__event_item_free", ERRR, "Failed closing %s fd %d ret %d errno %d\n", end, fd, result,
+                   errno);
     }
     fd = -1;
 }
@@ -156,7 +146,7 @@ bool register_group(kiv_event_group &group, const char *name)
         return false;
     }
     group.serial = ++g_serial;
-    prepend(g_event_group_db, group);
+    kiv::prepend(g_event_group_db, group, group.place);
     return true;
 }
 
@@ -196,7 +186,7 @@ bool open_pipe(kiv_event_item &item)
 {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) {
-        KIV_LOG_ERRR("Failed to create pipe.\n");
+        KIV_LOG_AS("__event_item_alloc", ERRR, "Failed to create pipe.\n");
         return false;
     }
     kiv::unique_fd read_end(fds[0]);
@@ -205,12 +195,13 @@ bool open_pipe(kiv_event_item &item)
         const int error = errno;
         read_end.reset();
         write_end.reset();
-        KIV_LOG_ERRR("Failed to fctl fd %d, ret %d errno %d.\n", fds[0], result, error);
+        KIV_LOG_AS("__event_item_alloc", ERRR, "Failed to fctl fd %d, ret %d errno %d.\n", fds[0], result,
+                   error);
         return false;
     }
     item.read_fd = read_end.release();
     item.write_fd = write_end.release();
-    KIV_LOG_INF1("Created 2 fds, read %d, write %d\n", item.read_fd, item.write_fd);
+    KIV_LOG_AS("__event_item_alloc", INF1, "Created 2 fds, read %d, write %d\n", item.read_fd, item.write_fd);
     return true;
 }
 
@@ -245,47 +236,78 @@ int32_t __event_group_add_event_item(kiv_event_group *group, kiv_event_item *ite
     item->serial = ++g_serial;
     item->p_event_group = group;
     g_names->add(*item, hash_of(key_of(item->pname)));
-    prepend(group->items, *item);
+    kiv::prepend(group->items, *item, item->place);
     return KIV_OK;
 }
 
-bool __event_group_remove_event_item(kiv_event_item *item)
+// What became of an event that was to be taken out of its group.
+enum class removal { done, has_no_group, is_gone };
+
+// Looks again: somebody else may have taken it out since it was checked.
+removal take_out(kiv_event_item *item)
 {
-    kiv_event_group *const group = item->p_event_group;
-    KIV_ASSERT(group != nullptr);
-    if (group == nullptr) {
-        KIV_LOG_ERRR("Null pointer event-group 0x%" PRIxPTR " event-item=0x%" PRIxPTR "\n", number_of(group),
-                     number_of(item));
-        return false;
-    }
     const scoped_lock lock(g_lock);
+    if (!g_items->contains(item)) {
+        return removal::is_gone;
+    }
+    kiv_event_group *const group = item->p_event_group;
+    if (group == nullptr) {
+        return removal::has_no_group;
+    }
     group->items = g_list_remove_link(group->items, &item->place);
     g_names->remove(*item);
     g_items->remove(item);
-    return true;
+    return removal::done;
+}
+
+removal __event_group_remove_event_item(kiv_event_item *item)
+{
+    const removal result = take_out(item);
+    KIV_ASSERT(result != removal::has_no_group);
+    if (result == removal::has_no_group) {
+        KIV_LOG_ERRR("Null pointer event-group 0x%" PRIxPTR " event-item=0x%" PRIxPTR "\n",
+                     number_of(nullptr), number_of(item));
+    }
+    return result;
+}
+
+int32_t refuse_item(const char *caller)
+{
+    KIV_LOG_AS(caller, ERRR, "Invalid event item handle\n");
+    return KIV_ERR_INVALID_PARAM;
+}
+
+int32_t refuse_group(const char *caller)
+{
+    KIV_LOG_AS(caller, ERRR, "Invalid event group handle\n");
+    return KIV_ERR_INVALID_PARAM;
 }
 
 int32_t __kiv_events_delete_event(kiv_event_item *item)
 {
     const call_trace trace;
     if (!__event_item_is_valid(item)) {
-        KIV_LOG_ERRR("Invalid event item handle\n");
-        return KIV_ERR_INVALID_PARAM;
+        return refuse_item(__func__);
     }
-    if (!__event_group_remove_event_item(item)) {
+    switch (__event_group_remove_event_item(item)) {
+    case removal::done:
+        __event_item_free(item);
+        return KIV_OK;
+    case removal::has_no_group:
         KIV_LOG_ERRR("Failed removing event item %" PRIdPTR " from group %" PRIdPTR "\n", number_of(item),
-                     number_of(item->p_event_group));
+                     number_of(nullptr));
         return KIV_ERR_INVALID_PARAM;
+    case removal::is_gone:
+        break;
     }
-    __event_item_free(item);
-    return KIV_OK;
+    __event_item_is_valid(item); // says what is wrong with it
+    return refuse_item(__func__);
 }
 
 int32_t __event_item_set_enable(kiv_event_item *item, int32_t enable)
 {
     if (!__event_item_is_valid(item)) {
-        KIV_LOG_ERRR("Invalid event item handle\n");
-        return KIV_ERR_INVALID_PARAM;
+        return refuse_item(__func__);
     }
     item->enabled.store(enable, std::memory_order_relaxed);
     return KIV_OK;
@@ -409,7 +431,7 @@ uint32_t kiv::find_events(const kiv_event_wait_entry *entries, uint32_t count, k
         }
     }
     for (uint32_t i = 0; i < count && i <= found; ++i) {
-        KIV_LOG_INF1("looking for %s\n", kiv::shown(entries[i].pname));
+        KIV_LOG_AS("__event_item_find_by_name", INF1, "looking for %s\n", kiv::shown(entries[i].pname));
     }
     return found;
 }
@@ -479,18 +501,19 @@ int32_t kiv_events_delete_group(kiv_event_group *group)
 {
     const call_trace trace;
     if (!__event_group_is_valid(group)) {
-        KIV_LOG_ERRR("Invalid event group handle\n");
-        return KIV_ERR_INVALID_PARAM;
+        return refuse_group(__func__);
     }
-    const int32_t status = __event_group_unregister(group);
-    if (status == KIV_ERR_INVALID_PARAM) {
-        KIV_LOG_ERRR("Invalid event group handle\n");
-    } else if (status == KIV_ERR_STATE) {
-        KIV_LOG_ERRR("Event group 0x%" PRIxPTR " (%s) still has events\n", number_of(group), group->pname);
-    } else {
+    switch (__event_group_unregister(group)) {
+    case KIV_OK:
         __event_group_free(group);
+        return KIV_OK;
+    case KIV_ERR_STATE:
+        KIV_LOG_ERRR("Event group 0x%" PRIxPTR " (%s) still has events\n", number_of(group), group->pname);
+        return KIV_ERR_STATE;
+    default:
+        __event_group_is_valid(group); // says what is wrong with it
+        return refuse_group(__func__);
     }
-    return status;
 }
 
 int32_t kiv_events_create_event(const char *name, kiv_events_notify_cb notify_cb, kiv_event_group *group,
@@ -498,8 +521,7 @@ int32_t kiv_events_create_event(const char *name, kiv_events_notify_cb notify_cb
 {
     const call_trace trace;
     if (!__event_group_is_valid(group)) {
-        KIV_LOG_ERRR("Invalid event group handle\n");
-        return KIV_ERR_INVALID_PARAM;
+        return refuse_group(__func__);
     }
     KIV_ASSERT(out != nullptr);
     if (out == nullptr) {
@@ -513,15 +535,17 @@ int32_t kiv_events_create_event(const char *name, kiv_events_notify_cb notify_cb
     if (const int32_t status = __event_item_alloc(name, notify_cb, item); status != KIV_OK) {
         return status;
     }
-    const int32_t status = __event_group_add_event_item(group, item.get());
-    if (status == KIV_ERR_INVALID_PARAM) {
-        KIV_LOG_ERRR("Invalid event group handle\n");
-    } else if (status == KIV_ERR_NO_MEMORY) {
-        KIV_LOG_ERRR("Failed to allocate memory (%d bytes)\n", static_cast<int>(sizeof *item));
-    } else {
+    switch (__event_group_add_event_item(group, item.get())) {
+    case KIV_OK:
         *out = item.release();
+        return KIV_OK;
+    case KIV_ERR_NO_MEMORY:
+        KIV_LOG_ERRR("Failed to allocate memory (%d bytes)\n", static_cast<int>(sizeof *item));
+        return KIV_ERR_NO_MEMORY;
+    default:
+        __event_group_is_valid(group); // says what is wrong with it
+        return refuse_group(__func__);
     }
-    return status;
 }
 
 int32_t kiv_events_delete_event(kiv_event_item *item)

@@ -12,6 +12,8 @@
 #include <new>
 
 #include "common/call_trace.h"
+#include "common/log_as.h"
+#include "common/text.h"
 #include "record_reader.h"
 #include "registry.h"
 #include "time_limit.h"
@@ -19,6 +21,7 @@
 #include "zol/kiv_status.h"
 
 using kiv::call_trace;
+using kiv::number_of;
 using kiv::record_header;
 using kiv::time_limit;
 
@@ -29,11 +32,6 @@ constexpr uint32_t largest_payload = UINT32_MAX - sizeof(record_header);
 
 // Holds off other notifications of the event.
 using notify_lock = std::scoped_lock<std::recursive_mutex>;
-
-uintptr_t number_of(const void *pointer) noexcept
-{
-    return reinterpret_cast<uintptr_t>(pointer);
-}
 
 bool is_sendable(const void *payload, uint32_t size) noexcept
 {
@@ -47,41 +45,52 @@ int32_t refuse_payload(const void *payload, uint32_t size)
     return KIV_ERR_INVALID_PARAM;
 }
 
-// Makes sure that the container holds a record of this size. It never shrinks.
-bool make_room(kiv_event_item &item, uint32_t total)
-{
-    const uint32_t previous = item.data_sz;
-    if (total <= previous) {
-        return true;
-    }
-    KIV_LOG_INF1("Allocating %d bytes (prev container sz %d bytes)\n", static_cast<int>(total),
-                 static_cast<int>(previous));
-    delete[] item.p_data.exchange(nullptr);
-    item.data_sz = 0;
-    item.used = 0;
-    auto *const container = new (std::nothrow) uint8_t[total]();
-    if (container == nullptr) {
-        KIV_LOG_ERRR("Failed allocating %d bytes for message container\n", static_cast<int>(total));
-        return false;
-    }
-    item.p_data = container;
-    item.data_sz = total;
-    return true;
-}
-
-// Puts a record into the container; all behind it is zero, as it was before the last record.
-void assemble(kiv_event_item &item, const void *payload, uint32_t size)
+// Puts a record into a container; all behind it is zero, as it was before the last record. The payload may
+// lie in the container itself: a callback sees it there, and may send it on.
+void put_record(kiv_event_item &item, uint8_t *container, const void *payload, uint32_t size)
 {
     const auto total = static_cast<uint32_t>(sizeof(record_header) + size);
-    uint8_t *const container = item.p_data.load(std::memory_order_relaxed);
-    new (container) record_header{kiv::record_magic, size};
+    KIV_LOG_AS("__kiv_events_notify", INF1,
+               "Copy %d bytes into event 0x%" PRIxPTR " (%" PRIdPTR "), dst 0x%" PRIxPTR "\n",
+               static_cast<int>(total), number_of(&item), number_of(&item), number_of(container));
     if (size > 0) {
-        std::memcpy(container + sizeof(record_header), payload, size);
+        std::memmove(container + sizeof(record_header), payload, size);
     }
+    new (container) record_header{kiv::record_magic, size};
     if (item.used > total) {
         std::memset(container + total, 0, item.used - total);
     }
     item.used = total;
+}
+
+// The same, into a container of just that size, which becomes the event's. @return False when there is no
+// memory; then the event has none at all.
+[[gnu::cold]] bool grow_and_put_record(kiv_event_item &item, const void *payload, uint32_t size)
+{
+    const auto total = static_cast<uint32_t>(sizeof(record_header) + size);
+    KIV_LOG_AS("__kiv_events_notify", INF1, "Allocating %d bytes (prev container sz %d bytes)\n",
+               static_cast<int>(total), static_cast<int>(item.data_sz));
+    auto *const container = new (std::nothrow) uint8_t[total]();
+    if (container != nullptr) {
+        put_record(item, container, payload, size);
+    } else {
+        KIV_LOG_AS("__kiv_events_notify", ERRR, "Failed allocating %d bytes for message container\n",
+                   static_cast<int>(total));
+        item.used = 0;
+    }
+    delete[] item.p_data.exchange(container); // by now nothing is to be taken from it any more
+    item.data_sz = container != nullptr ? total : 0;
+    return container != nullptr;
+}
+
+// Assembles a record in the event's container, which never shrinks.
+bool assemble(kiv_event_item &item, const void *payload, uint32_t size)
+{
+    if (sizeof(record_header) + size > item.data_sz.load(std::memory_order_relaxed)) {
+        return grow_and_put_record(item, payload, size);
+    }
+    put_record(item, item.p_data.load(std::memory_order_relaxed), payload, size);
+    return true;
 }
 
 // Between the system call and the caller there should be no return too many: after the kernel has been
@@ -133,13 +142,10 @@ int32_t __kiv_events_notify(kiv_event_item *item, const void *payload, uint32_t 
     if (is_taken_by_callback(*item, payload, size, userArg)) {
         return KIV_OK;
     }
-    const auto total = static_cast<uint32_t>(sizeof(record_header) + size);
-    if (!make_room(*item, total)) {
+    if (!assemble(*item, payload, size)) {
         return KIV_ERR_NO_MEMORY;
     }
-    KIV_LOG_INF1("Copy %d bytes into event 0x%" PRIxPTR " (%" PRIdPTR "), dst 0x%" PRIxPTR "\n",
-                 static_cast<int>(total), number_of(item), number_of(item), number_of(item->p_data));
-    assemble(*item, payload, size);
+    const auto total = static_cast<uint32_t>(sizeof(record_header) + size);
     if (const ssize_t result = write_record(*item, total); result < 1) {
         KIV_LOG_ERRR("Failed writing to the pipe event=%" PRIdPTR " ret=%d, errno=%d!\n", number_of(item),
                      static_cast<int>(result), errno);
@@ -230,7 +236,7 @@ bool read_ready(const watch_list &watched, kiv_event_item *const *items, kiv_eve
     bool any_incomplete = false;
     for (uint32_t i = 0; i < count; ++i) {
         const unsigned events = watched.events_of(i);
-        KIV_LOG_INF1("event %s, revents 0x%x\n", entries[i].pname, events);
+        KIV_LOG_AS("kiv_events_wait_for", INF1, "event %s, revents 0x%x\n", entries[i].pname, events);
         if ((events & (POLLIN | POLLPRI)) != 0) {
             const bool ended = kiv::read_record(*items[i], entries[i], limit) != kiv::read_result::incomplete;
             any_ended |= ended;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace kiv
 {
@@ -42,7 +43,7 @@ public:
         }
     }
 
-    /// @return The first record of this hash, the one added last; null when there is none.
+    /// @return The first record of this hash, in no particular order; null when there is none.
     [[nodiscard]] Record *first(std::size_t hash) const noexcept
     {
         return same_hash(buckets()[hash & (size_ - 1)], hash);

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <new>
 
+#include "common/log_as.h"
+#include "common/uninterrupted.h"
 #include "zol/kiv_debug.h"
 
 namespace
@@ -22,6 +24,7 @@ using kiv::inbox;
 using kiv::read_result;
 using kiv::time_limit;
 
+constexpr char wait_routine[] = "kiv_events_wait_for"; // whose lines these are in the log
 constexpr uint32_t header_size = sizeof(kiv::record_header);
 
 // Where a payload goes: as much as there is room for, and the rest nowhere.
@@ -38,10 +41,7 @@ struct transfer {
 
 transfer read_some(int fd, uint8_t *data, uint32_t size) noexcept
 {
-    ssize_t result = -1;
-    do {
-        result = read(fd, data, size);
-    } while (result < 0 && errno == EINTR);
+    const ssize_t result = kiv::uninterrupted([&] { return read(fd, data, size); });
     return {result, result < 0 ? errno : 0};
 }
 
@@ -60,14 +60,11 @@ transfer read_next(int fd, const destination &to, uint32_t got, uint32_t size) n
     return read_some(fd, nowhere, std::min<uint32_t>(size - got, sizeof nowhere));
 }
 
-bool wait_for_bytes(int fd, const time_limit &limit) noexcept
+// @return What poll() returned.
+int wait_for_bytes(int fd, const time_limit &limit) noexcept
 {
     pollfd readable = {fd, POLLIN, 0};
-    int ready = -1;
-    do {
-        ready = poll(&readable, 1, limit.remaining());
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
+    return kiv::uninterrupted([&] { return poll(&readable, 1, limit.remaining()); });
 }
 
 // Gets a part of a record in, header or payload. An empty pipe is waited for only while a notifier is busy
@@ -85,7 +82,10 @@ read_result receive(const kiv_event_item &item, const destination &to, uint32_t 
             return read_result::failed;
         } else if (!item.is_writing.load(std::memory_order_acquire)) {
             is_last_look = true; // it may have finished between the read and the look
-        } else if (!wait_for_bytes(item.read_fd, limit)) {
+        } else if (const int ready = wait_for_bytes(item.read_fd, limit); ready < 0) {
+            last = {ready, errno};
+            return read_result::failed;
+        } else if (ready == 0) {
             return read_result::incomplete;
         }
     }
@@ -97,18 +97,20 @@ bool may_come_in_pieces(uint32_t payload_size) noexcept
     return payload_size > PIPE_BUF - header_size;
 }
 
-// Where the payload of a record goes; the inbox gets room for a long one.
+// Where the payload of a record goes. The inbox gets room for a long one; where there is no memory for that,
+// as much as fits goes straight into the entry's buffer, which is good as long as one wait takes it all.
 destination choose_destination(inbox &in, const kiv_event_wait_entry &entry)
 {
+    const destination entrys = {static_cast<uint8_t *>(entry.p_data), entry.data_sz};
     if (!may_come_in_pieces(in.header.size)) {
-        return {static_cast<uint8_t *>(entry.p_data), entry.data_sz};
+        return entrys;
     }
     if (in.payload_got == 0 && in.payload_room < in.header.size) {
-        in.payload.reset();
+        in.payload.reset(); // first: there may be no memory for both
         in.payload.reset(new (std::nothrow) uint8_t[in.header.size]);
         in.payload_room = in.payload ? in.header.size : 0;
     }
-    return {in.payload.get(), in.payload_room};
+    return in.payload ? destination{in.payload.get(), in.payload_room} : entrys;
 }
 
 // A record is all there. The inbox is ready for the next.
@@ -129,8 +131,9 @@ read_result read_header(kiv_event_item &item, const time_limit &limit)
     transfer last = {};
     const read_result result = receive(item, header, in.header_got, header_size, limit, last);
     if (result == read_result::failed) {
-        KIV_LOG_ERRR("Failed reading message header - %d bytes from fd (%d), ret=%d, errno %d\n",
-                     static_cast<int>(header_size), item.read_fd, static_cast<int>(last.result), last.error);
+        KIV_LOG_AS(wait_routine, ERRR,
+                   "Failed reading message header - %d bytes from fd (%d), ret=%d, errno %d\n",
+                   static_cast<int>(header_size), item.read_fd, static_cast<int>(last.result), last.error);
         in.start_anew();
     }
     return result;
@@ -138,9 +141,9 @@ read_result read_header(kiv_event_item &item, const time_limit &limit)
 
 read_result report_payload(const kiv_event_item &item, const transfer &last)
 {
-    KIV_LOG_ERRR("Failed reading %d bytes from fd (%d), ret=%d, errno %d\n",
-                 static_cast<int>(item.inbox.header.size), item.read_fd, static_cast<int>(last.result),
-                 last.error);
+    KIV_LOG_AS(wait_routine, ERRR, "Failed reading %d bytes from fd (%d), ret=%d, errno %d\n",
+               static_cast<int>(item.inbox.header.size), item.read_fd, static_cast<int>(last.result),
+               last.error);
     return read_result::failed;
 }
 
@@ -176,9 +179,10 @@ read_result read_payload(kiv_event_item &item, kiv_event_wait_entry &entry, cons
         return report_payload(item, last);
     }
     if (result == read_result::incomplete) {
+        in.is_torn |= !in.payload; // what came is in the buffer of a wait that is over
         return result;
     }
-    if (to.data == nullptr && may_come_in_pieces(in.header.size)) {
+    if (in.is_torn) {
         KIV_LOG_ERRR("No memory for the %u bytes that event %s was notified with: they are lost\n",
                      in.header.size, item.pname);
         in.start_anew();

@@ -31,8 +31,13 @@ struct inbox {
     uint32_t payload_got = 0;
     std::unique_ptr<uint8_t[]> payload; // of a record that may come in pieces
     uint32_t payload_room = 0;
+    bool is_torn = false; // there was no room to keep what has come
 
-    void start_anew() noexcept { header_got = payload_got = 0; }
+    void start_anew() noexcept
+    {
+        header_got = payload_got = 0;
+        is_torn = false;
+    }
 
     // What was no record may have claimed any length: its room is not kept.
     void discard() noexcept

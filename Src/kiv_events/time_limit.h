@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "common/handover.h"
+#include "common/tsan.h"
 
 namespace kiv
 {

@@ -51,7 +51,9 @@ struct gpio_item {
     int32_t sim_value;
 
     const kiv::gpio::pin_kind *kind;
+    uint32_t pending;    // interrupts that have been counted but not called back yet
     int failures;        // of its "irq" node, in a row
+    int idle_wakeups;    // of its "irq" node without an interrupt, in a row
     bool is_given_up;    // not watched until its callback is registered anew
     bool is_in_poll_set; // the listener's, as last rebuilt
 };
@@ -93,6 +95,9 @@ void join_listener();
 
 /// Gives back what belonged to it.
 void release_listener();
+
+/// The same in a forked child, for a listener that runs in the parent.
+void forget_listener();
 
 /// What the listener is told, beside a plain wake-up.
 enum class command : uint32_t { wake_up = 0, registered = 1, unregistered = 2 };

@@ -4,11 +4,16 @@
 // wants something from the listener takes his turn first, and so does the stop: thus nobody ever waits for a
 // listener that is about to end.
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "common/call_trace.h"
+#include "common/intrusive_list.h"
 #include "common/log_as.h"
 #include "gpio.h"
 #include "zol/kiv_config.h"
@@ -32,16 +37,19 @@ kiv::mutex g_turn;
 // Serialises start and stop.
 kiv::mutex g_lock;
 int g_module_instialized; // atomic; changed holding g_lock, and back to 0 only holding g_turn as well
+pid_t g_owner;            // atomic; the process that has the listener: after a fork() the child has none
 
 int g_simulation; // atomic
 
 bool is_initialized() noexcept
 {
-    return __atomic_load_n(&g_module_instialized, __ATOMIC_ACQUIRE) != 0;
+    return __atomic_load_n(&g_module_instialized, __ATOMIC_ACQUIRE) != 0 &&
+           __atomic_load_n(&g_owner, __ATOMIC_RELAXED) == getpid();
 }
 
 void set_initialized(bool on) noexcept
 {
+    __atomic_store_n(&g_owner, getpid(), __ATOMIC_RELAXED);
     __atomic_store_n(&g_module_instialized, on ? 1 : 0, __ATOMIC_RELEASE);
 }
 
@@ -103,12 +111,6 @@ int32_t do_in_turn(const char *name, int gpio, Operation operation)
     }
     const scoped_lock turn(g_turn);
     return is_refused_now(name, gpio) ? KIV_ERR_STATE : operation();
-}
-
-void prepend(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
-{
-    item.place = {&item, nullptr, nullptr};
-    g_gpio_db.items = g_list_concat(&item.place, g_gpio_db.items);
 }
 
 void __gpio_item_free(gpio_item *item)
@@ -178,14 +180,15 @@ int32_t open_interrupt_nodes(gpio_item &item)
     return KIV_OK;
 }
 
-// The listener has to be told, but without the table's mutex held, which it needs.
 void set_callback(gpio_item &item, kiv_gpio_cbk cbk, uintptr_t user_data, int level_edge)
     KIV_REQUIRES(g_gpio_db.lock)
 {
     item.cbk = cbk;
     item.user_data = user_data;
     item.level_edge = level_edge;
+    item.pending = 0;
     item.failures = 0;
+    item.idle_wakeups = 0;
     item.is_given_up = false;
     g_gpio_db.is_poll_set_stale = true;
 }
@@ -236,7 +239,7 @@ gpio_item *take_out(int gpio)
 void put_back(gpio_item &item)
 {
     const scoped_lock lock(g_gpio_db.lock);
-    prepend(item);
+    kiv::prepend(g_gpio_db.items, item, item.place);
 }
 
 // The board decides what an input is.
@@ -276,6 +279,9 @@ int32_t kiv_gpio_init(void)
     if (is_initialized()) {
         KIV_LOG_ERRR("module initialized already\n");
         return KIV_ERR_STATE;
+    }
+    if (g_module_instialized != 0) { // in the parent
+        forget_listener();
     }
     const int32_t status = start_listener();
     set_initialized(status == KIV_OK);
@@ -325,7 +331,8 @@ int32_t kiv_gpio_request(int gpio, const char *name)
     if (const int32_t status = open_nodes(*item); status != KIV_OK) {
         return status;
     }
-    prepend(*item.release());
+    kiv::prepend(g_gpio_db.items, *item, item->place);
+    static_cast<void>(item.release()); // the table's
     return KIV_OK;
 }
 
@@ -400,20 +407,20 @@ int32_t kiv_gpio_register_callback(int gpio, int level_edge, int, int, kiv_gpio_
         KIV_LOG_ERRR("gpio %d needs a callback\n", gpio);
         return KIV_ERR_INVALID_PARAM;
     }
-    return do_in_turn(__func__, gpio, [=] {
+    return do_in_turn(__func__, gpio, [&] {
         check_configuration();
-        const int32_t status = do_with_pin("kiv_gpio_register_callback", gpio,
-                                           [=](gpio_item &item) KIV_REQUIRES(g_gpio_db.lock) {
-                                               return add_callback(item, level_edge, cbk, user_data);
-                                           });
-        if (status != KIV_OK) {
-            return status;
-        }
-        if (!tell_listener(command::registered, gpio)) {
-            do_with_pin("kiv_gpio_register_callback", gpio, remove_callback); // which nobody would call
+        gpio_item *pin = nullptr;
+        const auto add = [&](gpio_item &item) KIV_REQUIRES(g_gpio_db.lock) {
+            pin = &item; // which nobody else frees meanwhile
+            return add_callback(item, level_edge, cbk, user_data);
+        };
+        const int32_t status = do_with_pin("kiv_gpio_register_callback", gpio, add);
+        if (status == KIV_OK && !tell_listener(command::registered, gpio)) {
+            const scoped_lock lock(g_gpio_db.lock);
+            clear_callback(*pin); // nobody would call it
             return KIV_ERR_SYSTEM;
         }
-        return KIV_OK;
+        return status;
     });
 }
 

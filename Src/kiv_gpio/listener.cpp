@@ -10,6 +10,7 @@
 #include <semaphore.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
@@ -20,6 +21,7 @@
 #include <utility>
 
 #include "common/call_trace.h"
+#include "common/immortal.h"
 #include "common/log_as.h"
 #include "common/uninterrupted.h"
 #include "gpio.h"
@@ -35,7 +37,9 @@ namespace
 
 constexpr uint32_t ping_word = 0xDEADBEEF;
 constexpr int max_failures_in_a_row = 3;
-constexpr int retry_ms = 100; // what has failed and is to be tried again
+constexpr int max_idle_wakeups_in_a_row = 1000;
+constexpr int callbacks_at_once = 256; // per pin and pass: others want their turn, and the table
+constexpr int retry_ms = 100;          // what has failed and is to be tried again
 constexpr int forever = -1;
 
 // Whose lines these are in the log.
@@ -51,8 +55,10 @@ struct poll_set {
     std::size_t room;
 };
 
-poll_set g_poll_fds;
-int g_fds[2] = {-1, -1}; // the command pipe: the listener's end, the callers' end
+kiv::immortal<poll_set> g_poll_fds;
+bool g_is_short_of_memory; // for the poll set; reported once
+bool g_is_poll_failing;    // reported once
+int g_fds[2] = {-1, -1};   // the command pipe: the listener's end, the callers' end
 sem_t g_api_sem;
 std::atomic<int> thread_db; // the stop flag
 pthread_t g_listener;
@@ -67,18 +73,21 @@ void __pollfd_init(pollfd &entry, int fd)
 }
 
 // Gives the poll set room for so many entries. It never shrinks, so leaving entries out cannot fail.
-bool make_room(std::size_t count)
+bool make_room(std::size_t count, const char *caller)
 {
-    if (count <= g_poll_fds.room) {
+    if (count <= g_poll_fds->room) {
         return true;
     }
     std::unique_ptr<pollfd[]> fds(new (std::nothrow) pollfd[count]());
     std::unique_ptr<gpio_item *[]> pins(new (std::nothrow) gpio_item *[count]());
-    if (!fds || !pins) {
-        KIV_LOG_ERRR("Failed to allocate fdset.\n");
+    const bool was_short = std::exchange(g_is_short_of_memory, !fds || !pins);
+    if (g_is_short_of_memory) {
+        if (!was_short) {
+            KIV_LOG_AS(caller, ERRR, "Failed to allocate fdset.\n");
+        }
         return false;
     }
-    g_poll_fds = {std::move(fds), std::move(pins), 0, count};
+    g_poll_fds.value = {std::move(fds), std::move(pins), 0, count};
     return true;
 }
 
@@ -101,15 +110,15 @@ std::size_t count_to_be_watched() KIV_REQUIRES(g_gpio_db.lock)
 bool __listener_prepare_events()
 {
     const scoped_lock lock(g_gpio_db.lock);
-    const bool fits = make_room(count_to_be_watched() + 1);
-    __pollfd_init(g_poll_fds.fds[0], g_fds[0]);
-    g_poll_fds.count = 1;
+    const bool fits = make_room(count_to_be_watched() + 1, __func__);
+    __pollfd_init(g_poll_fds->fds[0], g_fds[0]);
+    g_poll_fds->count = 1;
     for (const GList *place = g_gpio_db.items; place != nullptr; place = place->next) {
         gpio_item &item = *static_cast<gpio_item *>(place->data);
         item.is_in_poll_set = is_to_be_watched(item) && (fits || item.is_in_poll_set);
         if (item.is_in_poll_set) {
-            __pollfd_init(g_poll_fds.fds[g_poll_fds.count], item.fds[irq]);
-            g_poll_fds.pins[g_poll_fds.count++] = &item;
+            __pollfd_init(g_poll_fds->fds[g_poll_fds->count], item.fds[irq]);
+            g_poll_fds->pins[g_poll_fds->count++] = &item;
         }
     }
     g_gpio_db.is_poll_set_stale = !fits;
@@ -120,6 +129,7 @@ bool __listener_prepare_events()
 struct pass_result {
     bool took_command; // whose sender is waiting
     bool asks_for_rebuild;
+    bool has_more; // interrupts to call back
 };
 
 // Takes a command, if there is one, from the pipe.
@@ -128,19 +138,19 @@ pass_result take_command(const pollfd &pipe)
     uint32_t word = 0;
     if ((pipe.revents & POLLIN) == 0 ||
         kiv::uninterrupted([&] { return read(pipe.fd, &word, sizeof word); }) < 1) {
-        return {false, false};
+        return {};
     }
     const unsigned gpio = word & 0xFFFF;
     switch (static_cast<command>(word >> 16)) {
     case command::registered:
         KIV_LOG_AS(pass_routine, INF1, "Command register cbk for gpio %u\n", gpio);
-        return {true, true};
+        return {true, true, false};
     case command::unregistered:
         KIV_LOG_AS(pass_routine, INF1, "Command unregister cbk for gpio %u\n", gpio);
-        return {true, true};
+        return {true, true, false};
     default:
         KIV_LOG_AS(pass_routine, INF1, "---got 0x%x ---\n", word);
-        return {true, false};
+        return {true, false, false};
     }
 }
 
@@ -156,25 +166,22 @@ bool read_count(const gpio_item &item, long long &count)
     return true;
 }
 
-// Not to hold up a stop for long, what is left of a large count is dropped then.
-void call_back(const gpio_item &item, long long count)
+// A node that wakes the listener for nothing would do so again at once, and again.
+void give_up(gpio_item &item, const char *why) KIV_REQUIRES(g_gpio_db.lock)
 {
-    for (; count > 0 && thread_db == 0; --count) {
-        item.cbk(item.gpio, item.user_data);
-    }
+    KIV_LOG_ERRR("gpio %d keeps %s and is no longer watched\n", item.gpio, why);
+    item.is_given_up = true;
+    g_gpio_db.is_poll_set_stale = true;
 }
 
-// A node in error wakes the listener again at once, and again.
 void count_failure(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
 {
     if (++item.failures == max_failures_in_a_row) {
-        KIV_LOG_ERRR("gpio %d keeps reporting errors and is no longer watched\n", item.gpio);
-        item.is_given_up = true;
-        g_gpio_db.is_poll_set_stale = true;
+        give_up(item, "reporting errors");
     }
 }
 
-void process_interrupts(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
+void take_interrupts(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
 {
     long long count = 0;
     if (!read_count(item, count)) {
@@ -182,24 +189,48 @@ void process_interrupts(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
         return;
     }
     item.failures = 0;
+    item.idle_wakeups = count == 0 ? item.idle_wakeups + 1 : 0;
     KIV_LOG_AS(pass_routine, INF1, "IRQ=%x for gpio %d\n", static_cast<unsigned>(count), item.gpio);
-    if (item.cbk != nullptr) {
-        call_back(item, count);
+    item.pending = static_cast<uint32_t>(std::min<long long>(item.pending + count, UINT32_MAX));
+    if (item.idle_wakeups == max_idle_wakeups_in_a_row) {
+        give_up(item, "waking up for nothing");
     }
 }
 
-void process_pins() KIV_REQUIRES(g_gpio_db.lock)
+// What is left of a large count waits for the next pass, or the next start.
+void call_back(gpio_item &item)
 {
-    for (std::size_t i = 1; i < g_poll_fds.count; ++i) {
-        const short events = g_poll_fds.fds[i].revents;
+    for (int left = callbacks_at_once; item.pending > 0 && left > 0 && thread_db == 0; --left) {
+        --item.pending;
+        item.cbk(item.gpio, item.user_data);
+    }
+}
+
+// @return Whether the pin has interrupts left.
+bool process_pin(gpio_item &item, short events) KIV_REQUIRES(g_gpio_db.lock)
+{
+    if ((events & (POLLIN | POLLPRI)) != 0) {
+        take_interrupts(item);
+    } else if (events != 0) {
+        count_failure(item);
+    }
+    if (item.cbk == nullptr) { // unregistered since the poll set was made
+        return false;
+    }
+    call_back(item);
+    return item.pending > 0;
+}
+
+bool process_pins() KIV_REQUIRES(g_gpio_db.lock)
+{
+    bool has_more = false;
+    for (std::size_t i = 1; i < g_poll_fds->count; ++i) {
+        const short events = g_poll_fds->fds[i].revents;
         KIV_LOG_AS(pass_routine, INF1, "FD %d, revents 0x%x\n", static_cast<int>(i),
                    static_cast<unsigned>(events));
-        if ((events & (POLLIN | POLLPRI)) != 0) {
-            process_interrupts(*g_poll_fds.pins[i]);
-        } else if (events != 0) {
-            count_failure(*g_poll_fds.pins[i]);
-        }
+        has_more |= process_pin(*g_poll_fds->pins[i], events);
     }
+    return has_more;
 }
 
 // One pass over what poll() has found.
@@ -207,24 +238,36 @@ pass_result __listener_process_events()
 {
     const call_trace trace;
     const scoped_lock lock(g_gpio_db.lock);
-    pass_result result = take_command(g_poll_fds.fds[0]);
-    if (g_poll_fds.count == 1) {
+    pass_result result = take_command(g_poll_fds->fds[0]);
+    if (g_poll_fds->count == 1) {
         KIV_LOG_INF1("no irq fds are set\n");
     }
-    process_pins();
+    result.has_more = process_pins();
     result.asks_for_rebuild |= g_gpio_db.is_poll_set_stale;
     return result;
 }
 
-// @return Whether there is something to do.
+// What poll() cannot do for all, it may be able to do for the pipe: whoever waits for an answer gets it.
+int poll_the_pipe_only()
+{
+    if (!std::exchange(g_is_poll_failing, true)) {
+        KIV_LOG_AS("__listener", ERRR, "Error in poll, ret=0x%x\n", static_cast<unsigned>(-1));
+    }
+    for (std::size_t i = 0; i < g_poll_fds->count; ++i) {
+        g_poll_fds->fds[i].revents = 0;
+    }
+    return poll(g_poll_fds->fds.get(), 1, retry_ms);
+}
+
+// @return Whether something has happened.
 bool wait_for_events(int timeout_ms)
 {
-    const int result = poll(g_poll_fds.fds.get(), g_poll_fds.count, timeout_ms);
-    if (result < 0 && errno != EINTR) {
-        KIV_LOG_AS("__listener", ERRR, "Error in poll, ret=0x%x\n", static_cast<unsigned>(result));
-        poll(nullptr, 0, retry_ms); // it would fail again at once
+    const int result = poll(g_poll_fds->fds.get(), g_poll_fds->count, timeout_ms);
+    if (result >= 0) {
+        g_is_poll_failing = false;
+        return result > 0;
     }
-    return result > 0;
+    return errno != EINTR && poll_the_pipe_only() > 0;
 }
 
 bool is_poll_set_stale()
@@ -241,12 +284,14 @@ void *__listener(void *argument)
         return nullptr;
     }
     t_is_listener = true;
-    bool is_complete = !is_poll_set_stale() || __listener_prepare_events(); // pins from before the start
+    bool has_more = is_poll_set_stale(); // pins from before the start
+    bool is_complete = !has_more || __listener_prepare_events();
     while (*stop == 0) {
         pass_result pass = {};
-        if (wait_for_events(is_complete ? forever : retry_ms)) {
+        if (wait_for_events(has_more ? 0 : is_complete ? forever : retry_ms) || has_more) {
             pass = __listener_process_events();
         }
+        has_more = pass.has_more;
         if (pass.asks_for_rebuild || !is_complete) {
             is_complete = __listener_prepare_events();
         }
@@ -299,13 +344,13 @@ bool open_pipe()
     return true;
 }
 
-void close_pipe()
+void close_pipe(const char *caller)
 {
     if (const int fd = std::exchange(g_fds[0], -1); close(fd) != 0) {
-        KIV_LOG_AS(deinit_routine, ERRR, "failed closing READ fd %d errno %d\n", fd, errno);
+        KIV_LOG_AS(caller, ERRR, "failed closing READ fd %d errno %d\n", fd, errno);
     }
     if (const int fd = std::exchange(g_fds[1], -1); fd != -1 && close(fd) != 0) {
-        KIV_LOG_AS(deinit_routine, ERRR, "failed closing WRITE fd %d\n errno %d", fd, errno);
+        KIV_LOG_AS(caller, ERRR, "failed closing WRITE fd %d\n errno %d", fd, errno);
     }
 }
 
@@ -318,21 +363,30 @@ bool init_semaphore()
     return result == 0;
 }
 
-// The application's signal handlers are to run on the application's threads.
+// The application's signal handlers are to run on the application's threads, but for those of faults, which a
+// callback may commit.
+void block_signals(sigset_t &former)
+{
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) {
+        sigdelset(&blocked, fault);
+    }
+    pthread_sigmask(SIG_BLOCK, &blocked, &former);
+}
+
 bool create_thread()
 {
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_attr_t g_attr;
-    if (pthread_attr_init(&g_attr) != 0) {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) {
         return false;
     }
-    pthread_attr_setdetachstate(&g_attr, PTHREAD_CREATE_JOINABLE);
-    pthread_sigmask(SIG_BLOCK, &all, &former);
-    const int error = pthread_create(&g_listener, &g_attr, __listener, &thread_db);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+    sigset_t former;
+    block_signals(former);
+    const int error = pthread_create(&g_listener, &attributes, __listener, &thread_db);
     pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    pthread_attr_destroy(&g_attr);
+    pthread_attr_destroy(&attributes);
     return error == 0;
 }
 
@@ -354,7 +408,7 @@ void drop_poll_set()
         g_gpio_db.is_poll_set_stale |= item.is_in_poll_set;
         item.is_in_poll_set = false;
     }
-    g_poll_fds = {};
+    g_poll_fds.value = {};
 }
 
 } // namespace
@@ -369,11 +423,11 @@ int32_t kiv::gpio::start_listener()
     if (!open_pipe()) {
         return KIV_ERR_SYSTEM;
     }
-    KIV_ASSERT(g_poll_fds.fds == nullptr);
+    KIV_ASSERT(g_poll_fds->fds == nullptr);
     int32_t status = KIV_ERR_NO_MEMORY;
-    if (make_room(1)) {
-        g_poll_fds.count = 1;
-        __pollfd_init(g_poll_fds.fds[0], g_fds[0]);
+    if (make_room(1, init_routine)) {
+        g_poll_fds->count = 1;
+        __pollfd_init(g_poll_fds->fds[0], g_fds[0]);
         status = KIV_ERR_SYSTEM;
         if (init_semaphore()) {
             if (start_thread()) {
@@ -382,8 +436,8 @@ int32_t kiv::gpio::start_listener()
             sem_destroy(&g_api_sem);
         }
     }
-    g_poll_fds = {};
-    close_pipe();
+    g_poll_fds.value = {};
+    close_pipe(init_routine);
     return status;
 }
 
@@ -398,13 +452,19 @@ void kiv::gpio::join_listener()
                    static_cast<unsigned long>(g_listener));
     }
     thread_db = 0;
+    drop_poll_set();
 }
 
 void kiv::gpio::release_listener()
 {
-    drop_poll_set();
-    close_pipe();
+    close_pipe(deinit_routine);
     sem_destroy(&g_api_sem);
+}
+
+void kiv::gpio::forget_listener()
+{
+    drop_poll_set();
+    release_listener();
 }
 
 bool kiv::gpio::tell_listener(command what, int gpio)

@@ -175,15 +175,20 @@ bool __user_pins_sysfs_read(int fd, long long &value)
         return false;
     }
     text[got] = '\0';
-    value = std::strtoll(text, nullptr, 10);
+    char *end = nullptr;
+    value = std::strtoll(text, &end, 10);
+    if (end == text) {
+        KIV_LOG_ERRR("got no number from fd%d\n", fd);
+        return false;
+    }
     return true;
 }
 
 // Several types may share a descriptor: those of a simulated pin are the two ends of its pipe.
 void kiv::gpio::close_nodes(gpio_item &item)
 {
-    if (item.fds[irq] == -1 && item.sim_pipe[0] > 0) {
-        item.fds[irq] = item.sim_pipe[0]; // a request that failed half-way
+    if (item.kind == &simulated_pin && item.fds[set_level] != -1) {
+        item.fds[irq] = item.sim_pipe[0]; // also where a request has failed half-way
     }
     for (int type = 0; type < fd_types; ++type) {
         const int fd = item.fds[type];

@@ -16,8 +16,8 @@
 #include <new>
 #include <utility>
 
-#include "common/handover.h"
 #include "common/text.h"
+#include "common/tsan.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 

@@ -11,8 +11,8 @@
 #include <memory>
 #include <new>
 
-#include "common/handover.h"
 #include "common/text.h"
+#include "common/tsan.h"
 #include "csv_writer.h"
 #include "zol/kiv_debug.h"
 

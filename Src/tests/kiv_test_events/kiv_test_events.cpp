@@ -114,7 +114,7 @@ void *__listener(void *argument)
             }
         }
     }
-    info->failed = received == std::max<int64_t>(total, 0) && status == KIV_OK ? 0 : 1;
+    info->failed = received == total && status == KIV_OK ? 0 : 1;
     info->ended = true;
     return nullptr;
 }
@@ -128,7 +128,9 @@ int start_listener(int32_t iterations)
     g_listener_info.timeout = wait_timeout_us;
     g_listener_info.received = 0;
     g_listener_info.ended = false;
-    return pthread_create(&g_listener, &g_attr, __listener, &g_listener_info);
+    const int error = pthread_create(&g_listener, &g_attr, __listener, &g_listener_info);
+    pthread_attr_destroy(&g_attr);
+    return error;
 }
 
 // Keeps the notifier from running so far ahead that a pipe fills up, which nobody would empty any more if the
@@ -193,7 +195,11 @@ bool create_enabled_items(const char *test, kiv_event_group *group)
 void notify_enabled_items(const char *test, int32_t iterations)
 {
     int32_t number = 0;
-    for (int32_t cycle = 0; cycle < iterations && wait_for_listener(cycle); ++cycle) {
+    for (int32_t cycle = 0; cycle < iterations; ++cycle) {
+        if (!wait_for_listener(cycle)) {
+            KIV_LOG_AS(test, ERRR, "the listener has given up, %d cycles are not sent\n", iterations - cycle);
+            return;
+        }
         for (int32_t index = 0; index < num_events; ++index) {
             kiv_event_item *const item = ev_item[0][index];
             char text[text_size];

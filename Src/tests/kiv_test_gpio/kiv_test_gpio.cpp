@@ -37,9 +37,9 @@ int __gpio_cbk(int32_t gpio, uintptr_t user_data)
     return 0;
 }
 
-void print_verdict(bool passed)
+void print_verdict(const char *test, bool passed)
 {
-    KIV_LOG_PRNT("%s\n", passed ? "Test PASSED!" : "Test FAILED!");
+    KIV_LOG_AS(test, PRNT, "%s\n", passed ? "Test PASSED!" : "Test FAILED!");
 }
 
 bool __alloc_free_gpio(int gpio, int cnt)
@@ -294,11 +294,11 @@ void apply_option(int letter, int &cnt)
         KIV_LOG_PRNT("setting cnt to %d\n", cnt);
         return;
     case 'e':
-        return print_verdict(__alloc_free_gpio(stoi(optarg), cnt));
+        return print_verdict("__alloc_free_gpio", __alloc_free_gpio(stoi(optarg), cnt));
     case 'd':
-        return print_verdict(__init_deinit_gpio(cnt));
+        return print_verdict("__init_deinit_gpio", __init_deinit_gpio(cnt));
     case 'r':
-        return print_verdict(__register_unregister_gpio(stoi(optarg), cnt));
+        return print_verdict("__register_unregister_gpio", __register_unregister_gpio(stoi(optarg), cnt));
     case 'i':
         return run_console();
     default:

@@ -1,7 +1,7 @@
-// GLib's locks work below what ThreadSanitizer watches, so it cannot see that a queue of GLib's orders what
-// one thread did to a record before it pushed it and what another does after it popped it. The first two say
-// so. Nor does it watch locks that are waited for by the steady clock; the third says that one was taken.
-// They cost nothing in any other build.
+// What ThreadSanitizer has to be told. GLib's locks work below what it watches, so it cannot see that a queue
+// of GLib's orders what one thread did to a record before it pushed it and what another does after it popped
+// it. Nor does it watch locks that are waited for by the steady clock. All of this costs nothing in other
+// builds.
 #pragma once
 
 #if defined(__SANITIZE_THREAD__)

@@ -1,21 +1,17 @@
 #include "console.h"
 
 #include <cstdio>
-#include <cstring>
 
 bool kiv::read_line(char (&line)[console_line_size])
 {
     std::fflush(stdout); // the prompt
-    if (std::fgets(line, sizeof line, stdin) == nullptr) {
-        return false;
-    }
-    if (char *const end = std::strchr(line, '\n'); end != nullptr) {
-        *end = '\0';
-        return true;
-    }
+    std::size_t length = 0;
     int next = 0;
-    do {
-        next = std::getchar();
-    } while (next != '\n' && next != EOF);
-    return true;
+    while ((next = std::getchar()) != '\n' && next != EOF) {
+        if (length < sizeof line - 1) {
+            line[length++] = static_cast<char>(next);
+        }
+    }
+    line[length] = '\0';
+    return next != EOF || length > 0;
 }

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "common/handover.h"
+
 namespace kiv
 {
 
@@ -40,7 +42,10 @@ public:
             lock.lock();
             return true;
         }
-        return ms_ == 0 ? lock.try_lock() : lock.try_lock_until(end_);
+        if (lock.try_lock() || ms_ == 0) {
+            return lock.owns_lock();
+        }
+        return took_lock(lock.mutex()->native_handle(), [&] { return lock.try_lock_until(end_); });
     }
 
 private:

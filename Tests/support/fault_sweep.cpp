@@ -18,12 +18,7 @@ struct fault_state {
 };
 
 fault_state g_faults;
-
-long entries_of(const char *directory)
-{
-    return std::distance(std::filesystem::directory_iterator(directory),
-                         std::filesystem::directory_iterator());
-}
+std::atomic<long> g_allocations{0};
 
 struct resources {
     long descriptors = entries_of("/proc/self/fd");
@@ -72,6 +67,23 @@ bool call_fails(const char *call) noexcept
     }
     g_faults.failed_call = call;
     return true;
+}
+
+bool allocation_fails(const char *call) noexcept
+{
+    ++g_allocations;
+    return call_fails(call);
+}
+
+long allocations() noexcept
+{
+    return g_allocations;
+}
+
+long entries_of(const char *directory)
+{
+    return std::distance(std::filesystem::directory_iterator(directory),
+                         std::filesystem::directory_iterator());
 }
 
 sweep_result sweep_faults(const std::function<std::string()> &scenario)

@@ -25,5 +25,12 @@ std::string failed_call();
 
 /// For the wrappers: whether this call is the one to fail.
 bool call_fails(const char *call) noexcept;
+bool allocation_fails(const char *call) noexcept;
+
+/// How many blocks of memory the library has asked for so far.
+long allocations() noexcept;
+
+/// The entries of a directory, such as /proc/self/fd.
+long entries_of(const char *directory);
 
 } // namespace zol_test

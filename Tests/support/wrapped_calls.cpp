@@ -4,10 +4,12 @@
 #include <glib.h>
 #include <libxml/parser.h>
 #include <linux/i2c-dev.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -21,15 +23,18 @@
 #include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 
+using zol_test::allocation_fails;
 using zol_test::call_fails;
 
 // Declares the real call, and defines the wrapper of a call that fails with a result and an errno.
 #define WRAPPED(type, name, parameters, arguments, failure, error)                                           \
+    WRAPPED_IF(call_fails, type, name, parameters, arguments, failure, error)
+#define WRAPPED_IF(fails, type, name, parameters, arguments, failure, error)                                 \
     type __real_##name parameters;                                                                           \
     type __wrap_##name parameters;                                                                           \
     type __wrap_##name parameters                                                                            \
     {                                                                                                        \
-        if (call_fails(#name)) {                                                                             \
+        if (fails(#name)) {                                                                                  \
             errno = error;                                                                                   \
             return failure;                                                                                  \
         }                                                                                                    \
@@ -44,7 +49,8 @@ using zol_test::call_fails;
 #    define NOTHROW_NEW       _ZnwjRKSt9nothrow_t
 #    define NOTHROW_NEW_ARRAY _ZnajRKSt9nothrow_t
 #endif
-#define WRAPPED_NAMED(...) WRAPPED(__VA_ARGS__)
+#define ALLOCATOR(name, parameters, arguments)                                                               \
+    WRAPPED_IF(allocation_fails, void *, name, parameters, arguments, nullptr, ENOMEM)
 
 namespace
 {
@@ -53,11 +59,10 @@ std::atomic<bool> g_read_failed{false};
 
 extern "C" {
 
-WRAPPED(void *, malloc, (std::size_t size), (size), nullptr, ENOMEM)
-WRAPPED_NAMED(void *, NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag), (size, tag), nullptr,
-              ENOMEM)
-WRAPPED_NAMED(void *, NOTHROW_NEW_ARRAY, (std::size_t size, const std::nothrow_t &tag), (size, tag), nullptr,
-              ENOMEM)
+ALLOCATOR(malloc, (std::size_t size), (size))
+ALLOCATOR(calloc, (std::size_t count, std::size_t size), (count, size))
+ALLOCATOR(NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag), (size, tag))
+ALLOCATOR(NOTHROW_NEW_ARRAY, (std::size_t size, const std::nothrow_t &tag), (size, tag))
 WRAPPED(GThread *, g_thread_try_new, (const char *name, GThreadFunc run, gpointer data, GError **error),
         (name, run, data, error), nullptr, EAGAIN)
 WRAPPED(int, pthread_barrier_init,
@@ -67,6 +72,10 @@ WRAPPED(FILE *, fopen, (const char *path, const char *mode), (zol_test::fake_hos
         nullptr, EMFILE)
 WRAPPED(int, mkdir, (const char *path, mode_t mode), (zol_test::fake_host::path(path).c_str(), mode), -1,
         EACCES)
+WRAPPED(int, pipe2, (int (&fds)[2], int flags), (fds, flags), -1, EMFILE)
+WRAPPED(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), -1, ENOMEM)
+WRAPPED(ssize_t, read, (int fd, void *data, std::size_t size), (fd, data, size), -1, EIO)
+WRAPPED(ssize_t, write, (int fd, const void *data, std::size_t size), (fd, data, size), -1, EIO)
 WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 WRAPPED(FILE *, popen, (const char *command, const char *mode),
         (zol_test::fake_chooser::instead_of(command), mode), nullptr, EMFILE)
@@ -127,6 +136,21 @@ int __wrap_open(const char *path, int flags,
         return -1;
     }
     return __real_open(path, flags);
+}
+
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    const long argument = va_arg(arguments, long); // numbers and addresses alike
+    va_end(arguments);
+    if (call_fails("fcntl")) {
+        errno = EPERM;
+        return -1;
+    }
+    return __real_fcntl(fd, command, argument);
 }
 
 int __real_ioctl(int fd, unsigned long request, ...);

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/debug_level.h"
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/scratch.h"
@@ -43,7 +44,7 @@ TEST_F(Lifecycle, StartsAndStops)
     ASSERT_EQ(zol_init(file.c_str()), KIV_OK);
     EXPECT_STREQ(g_tokensPath, "/opt/tokens");
     EXPECT_EQ(g_debugLevel, 1U) << "as configured";
-    g_debugLevel = 2;
+    zol_test::set_debug_level(2);
     const std::string before = log.out();
     EXPECT_EQ(zol_init("/nowhere"), KIV_OK);
     EXPECT_EQ(log.out(), before) << "the second start says and does nothing";
@@ -113,15 +114,18 @@ TEST_F(Lifecycle, EveryFailureOnTheWayIsReported)
         log_capture log;
         const int32_t started = zol_init(file.c_str());
         const int32_t stopped = zol_deinit();
-        const bool failed = !zol_test::failed_call().empty();
-        if (started != (failed ? KIV_ERR_INVALID_PARAM : KIV_OK) ||
-            stopped != (failed ? KIV_ERR_STATE : KIV_OK)) {
+        // The calls of a listener that runs, and of who tells it to stop, hold up neither start nor stop.
+        const std::string call = zol_test::failed_call();
+        const bool survived = call.empty() || call == "poll" || call == "read" || call == "write";
+        if (started != (survived ? KIV_OK : KIV_ERR_INVALID_PARAM) ||
+            stopped != (survived ? KIV_OK : KIV_ERR_STATE)) {
             return "wrong status";
         }
-        return failed != log.texts("ERRR").empty() ? "" : "unreported";
+        const bool is_silent = call.empty() || call == "read"; // of a command, which is read again
+        return is_silent == log.texts("ERRR").empty() ? "" : "unreported";
     });
     EXPECT_EQ(result.complaints, "");
-    EXPECT_GE(result.failures, 5) << "the lock, stat, the parser, the poll set";
+    EXPECT_GE(result.failures, 10) << "the lock, stat, the parser, what a listener needs, the stop";
 }
 
 TEST(Services, DeadlinesCarryIntoTheSeconds)

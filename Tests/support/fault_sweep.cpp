@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <thread>
@@ -15,6 +16,7 @@ struct fault_state {
     std::atomic<bool> armed{false};
     std::atomic<int> until_failure{0};
     std::atomic<const char *> failed_call{""};
+    std::atomic<const char *> only{nullptr};
 };
 
 fault_state g_faults;
@@ -62,7 +64,9 @@ std::string failed_call()
 
 bool call_fails(const char *call) noexcept
 {
-    if (!g_faults.armed || g_faults.until_failure.fetch_sub(1) != 1) {
+    const char *const only = g_faults.only;
+    if (!g_faults.armed || (only != nullptr && std::strcmp(call, only) != 0) ||
+        g_faults.until_failure.fetch_sub(1) != 1) {
         return false;
     }
     g_faults.failed_call = call;
@@ -86,10 +90,11 @@ long entries_of(const char *directory)
                          std::filesystem::directory_iterator());
 }
 
-sweep_result sweep_faults(const std::function<std::string()> &scenario)
+sweep_result sweep_faults(const std::function<std::string()> &scenario, const char *only)
 {
     constexpr int far_too_many = 10'000;
     std::thread([] {}).join(); // a sanitizer may start a thread of its own with the first one
+    g_faults.only = only;
     sweep_result result;
     for (int nth = 1; nth < far_too_many; ++nth) {
         const std::string complaint = run_with_failure(nth, scenario);

@@ -18,7 +18,8 @@ struct sweep_result {
 /// Runs a scenario with its 1st, 2nd, ... fallible call failing, until a run meets none. After each run the
 /// number of descriptors and threads must be what it was before.
 /// @param scenario  Begins and ends with the library in the same state. Returns a complaint, or "".
-sweep_result sweep_faults(const std::function<std::string()> &scenario);
+/// @param only      Counts and fails no other call than this one.
+sweep_result sweep_faults(const std::function<std::string()> &scenario, const char *only = nullptr);
 
 /// The name of the call that was made to fail in this run; "" when none was.
 std::string failed_call();

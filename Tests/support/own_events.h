@@ -1,11 +1,10 @@
 // Events that go with their owner, and what tests do with them.
 #pragma once
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/eventually.h"
 #include "zol/kiv_events.h"
 
 namespace zol_test
@@ -55,19 +54,5 @@ std::string pattern(std::size_t size, unsigned seed = 0);
 
 /// A text as printf() writes it.
 std::string printed(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-/// @return Whether something has become true within half a minute.
-template <typename Condition>
-bool eventually(Condition holds)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 } // namespace zol_test

@@ -6,6 +6,7 @@
 #include <linux/i2c-dev.h>
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -19,12 +20,14 @@
 #include <new>
 
 #include "support/fake_chooser.h"
+#include "support/fake_gpio.h"
 #include "support/fake_host.h"
 #include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 
 using zol_test::allocation_fails;
 using zol_test::call_fails;
+using zol_test::fake_gpio;
 
 // Declares the real call, and defines the wrapper of a call that fails with a result and an errno.
 #define WRAPPED(type, name, parameters, arguments, failure, error)                                           \
@@ -85,8 +88,12 @@ WRAPPED(int, mkdir, (const char *path, mode_t mode), (zol_test::fake_host::path(
         EACCES)
 WRAPPED(int, pipe2, (int (&fds)[2], int flags), (fds, flags), -1, EMFILE)
 WRAPPED(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), -1, ENOMEM)
-WRAPPED(ssize_t, read, (int fd, void *data, std::size_t size), (fd, data, size), -1, EIO)
-WRAPPED(ssize_t, write, (int fd, const void *data, std::size_t size), (fd, data, size), -1, EIO)
+WRAPPED(int, sem_init, (sem_t * semaphore, int shared, unsigned value), (semaphore, shared, value), -1,
+        ENOSPC)
+WRAPPED(int, pthread_attr_init, (pthread_attr_t * attributes), (attributes), ENOMEM, 0)
+WRAPPED(int, pthread_create,
+        (pthread_t * thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument),
+        (thread, attributes, body, argument), EAGAIN, 0)
 WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 WRAPPED(FILE *, popen, (const char *command, const char *mode),
         (zol_test::fake_chooser::instead_of(command), mode), nullptr, EMFILE)
@@ -146,7 +153,67 @@ int __wrap_open(const char *path, int flags,
         errno = EMFILE;
         return -1;
     }
-    return __real_open(path, flags);
+    return fake_gpio::has(path) ? fake_gpio::installed()->open(path, flags) : __real_open(path, flags);
+}
+
+// What a hardened build makes of an open whose flags it does not know.
+int __wrap___open_2(const char *path, int flags);
+int __wrap___open_2(const char *path, int flags)
+{
+    return __wrap_open(path, flags);
+}
+
+// Only that of a pin's node can fail: the library closes others in places where nobody hears of it.
+int __real_close(int fd);
+int __wrap_close(int fd);
+int __wrap_close(int fd)
+{
+    if (fake_gpio::of(fd) == nullptr) {
+        return __real_close(fd);
+    }
+    fake_gpio::forget(fd); // before somebody else can have the number
+    const bool fails = call_fails("close");
+    const int result = __real_close(fd);
+    errno = fails ? EIO : errno;
+    return fails ? -1 : result;
+}
+
+ssize_t __real_read(int fd, void *data, std::size_t size);
+ssize_t __wrap_read(int fd, void *data, std::size_t size);
+ssize_t __wrap_read(int fd, void *data, std::size_t size)
+{
+    if (call_fails("read")) {
+        errno = EIO;
+        return -1;
+    }
+    zol_test::fake_gpio_node *const node = fake_gpio::of(fd);
+    return node != nullptr ? fake_gpio::installed()->read(*node, fd, static_cast<char *>(data), size)
+                           : __real_read(fd, data, size);
+}
+
+ssize_t __real_write(int fd, const void *data, std::size_t size);
+ssize_t __wrap_write(int fd, const void *data, std::size_t size);
+ssize_t __wrap_write(int fd, const void *data, std::size_t size)
+{
+    if (call_fails("write")) {
+        errno = EIO;
+        return -1;
+    }
+    zol_test::fake_gpio_node *const node = fake_gpio::of(fd);
+    return node != nullptr ? fake_gpio::installed()->write(*node, static_cast<const char *>(data), size)
+                           : __real_write(fd, data, size);
+}
+
+off_t __real_lseek(int fd, off_t offset, int whence);
+off_t __wrap_lseek(int fd, off_t offset, int whence);
+off_t __wrap_lseek(int fd, off_t offset, int whence)
+{
+    if (call_fails("lseek")) {
+        errno = EIO;
+        return -1;
+    }
+    zol_test::fake_gpio_node *const node = fake_gpio::of(fd);
+    return node != nullptr ? fake_gpio::seek(*node) : __real_lseek(fd, offset, whence);
 }
 
 int __real_fcntl(int fd, int command, ...);

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
-#include "support/scratch.h"
-#include "system/command.h"
+#include "system/on_board.h"
 
 using zol_test::command_result;
 
@@ -23,37 +21,10 @@ constexpr char board_xml[] = R"(<board>
   </bus>
 </board>)";
 
-class OnBoard : public testing::Test
+class OnBoard : public zol_test::OnBoardTest
 {
 protected:
-    void SetUp() override
-    {
-        if (std::getenv("ZOL_EMULATOR") != nullptr) {
-            GTEST_SKIP()
-                << "the board starts programs itself, which an emulator of one program does not take on";
-        }
-        const command_result check = zol_test::run_command({KIVBOARD, "check"});
-        if (check.status != 0) {
-            GTEST_SKIP() << check.err;
-        }
-        board_file_ = scratch_.write("board.xml", board_xml);
-    }
-
-    // Runs a line of shell on a board of its own; $kivtest and $kivboard are the programs.
-    command_result on_board(const std::string &line)
-    {
-        return zol_test::run_command({KIVBOARD, "run", "--board", board_file_, "--socket",
-                                      scratch_.path() / "socket", "--", "/bin/sh", "-c",
-                                      "kivtest='" KIVTEST_EXE "'; kivboard='" KIVBOARD "'; " + line});
-    }
-
-    static bool says(const command_result &result, const std::string &text)
-    {
-        return result.out.find(text) != std::string::npos;
-    }
-
-    zol_test::scratch_directory scratch_;
-    std::string board_file_;
+    OnBoard() : OnBoardTest(board_xml) {}
 };
 
 TEST_F(OnBoard, ReadsWhatIsThere)

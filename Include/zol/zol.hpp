@@ -126,7 +126,8 @@ public:
         return detail::made<i2c_device>(kiv_i2c_open(&handle, bus, address), handle);
     }
 
-    /// @name Reading, with an 8- or a 16-bit register address: one byte, or as many as @p out has. @{
+    /// @name Reading, with an 8- or a 16-bit register address: one byte, or as many as @p out has, at most
+    /// 65535. @{
     result<> read_reg8(std::uint8_t reg, std::span<std::uint8_t> out) noexcept
     {
         return transfer(kiv_i2c_read_reg8, reg, out);
@@ -147,7 +148,7 @@ public:
     }
     /// @}
 
-    /// @name Writing: one byte, or several to the same register. @{
+    /// @name Writing: one byte, or several to the same register, at most 65535. @{
     result<> write_reg8(std::uint8_t reg, std::span<const std::uint8_t> values) noexcept
     {
         return transfer(kiv_i2c_write_reg8, reg, values);
@@ -167,7 +168,7 @@ public:
     /// @}
 
 private:
-    /// More than a count of the C interface can say must not become less.
+    /// A size that a count of the C interface cannot say must not become another.
     template <typename Reg, typename Count, typename Byte>
     result<> transfer(std::int32_t (*call)(kiv_i2c_handle *, Reg, Count, Byte *), Reg reg,
                       std::span<Byte> data) noexcept
@@ -249,7 +250,9 @@ public:
     static result<message> make(std::int32_t id, bytes payload = {}) noexcept
     {
         const std::size_t size = sizeof(kiv_message) + payload.size();
-        message made(size <= UINT32_MAX ? kiv_message_new(id, static_cast<std::uint32_t>(size)) : nullptr);
+        message made(std::in_range<std::uint32_t>(size)
+                         ? kiv_message_new(id, static_cast<std::uint32_t>(size))
+                         : nullptr);
         if (!made) {
             return error::no_memory;
         }
@@ -294,8 +297,7 @@ public:
 
     /// @param name     At least 2 characters; cut at 63.
     /// @param handler  Called on the worker's thread for each message.
-    /// @param idle     How long to wait for a message until an is_timeout() one is handled: at most 35
-    /// minutes.
+    /// @param idle     After how long without a message an is_timeout() one is handled: at most 35 minutes.
     template <std::invocable<const received &> F>
     static result<worker> start(const char *name, F &handler, time_limit idle = no_limit) noexcept
     {

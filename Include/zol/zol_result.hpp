@@ -151,9 +151,10 @@ private:
     zol::error error_;
 };
 
+/// A payload.
 using bytes = std::span<const std::byte>;
 
-/// What its bytes say all about. Pointers and views have theirs elsewhere.
+/// What consists of its own bytes. What pointers and views refer to lies elsewhere.
 template <typename T>
 concept plain = std::is_trivially_copyable_v<T> && !std::is_pointer_v<T> && !std::ranges::view<T>;
 
@@ -189,8 +190,9 @@ class time_limit
 public:
     template <typename Rep, typename Period>
     constexpr time_limit(std::chrono::duration<Rep, Period> limit) noexcept
-        : us_(std::chrono::duration<double, std::micro>(limit).count() < unlimited
-                  ? std::max<std::int64_t>(std::chrono::ceil<std::chrono::microseconds>(limit).count(), 0)
+        : us_(limit <= limit.zero() ? 0
+              : std::chrono::duration<double, std::micro>(limit).count() < unlimited
+                  ? std::chrono::ceil<std::chrono::microseconds>(limit).count()
                   : unlimited)
     {
     }

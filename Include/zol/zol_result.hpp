@@ -232,27 +232,29 @@ class owned
 {
 public:
     owned() = default;
-    explicit owned(T value) noexcept : value_(value) {}
-    owned(owned &&other) noexcept : value_(std::exchange(other.value_, std::nullopt)) {}
+    explicit owned(T value) noexcept : value_(value), is_owner_(true) {}
+    owned(owned &&other) noexcept : value_(other.value_), is_owner_(std::exchange(other.is_owner_, false)) {}
     owned &operator=(owned &&other) noexcept
     {
         owned taken(std::move(other));
         std::swap(value_, taken.value_);
+        std::swap(is_owner_, taken.is_owner_);
         return *this;
     }
     ~owned()
     {
-        if (value_) {
-            Release(*value_);
+        if (is_owner_) {
+            Release(value_);
         }
     }
 
-    explicit operator bool() const noexcept { return value_.has_value(); }
-    [[nodiscard]] T *get() noexcept { return value_ ? &*value_ : nullptr; }
-    [[nodiscard]] const T *get() const noexcept { return value_ ? &*value_ : nullptr; }
+    explicit operator bool() const noexcept { return is_owner_; }
+    [[nodiscard]] T *get() noexcept { return is_owner_ ? &value_ : nullptr; }
+    [[nodiscard]] const T *get() const noexcept { return is_owner_ ? &value_ : nullptr; }
 
 private:
-    std::optional<T> value_;
+    T value_{};
+    bool is_owner_ = false;
 };
 
 } // namespace detail

@@ -3,6 +3,7 @@
  * @brief libzol for C++20: owners, spans, durations and callables over the C interface, and nothing more.
  *
  * @code
+ *     #include <cstdio>
  *     #include <zol/zol.hpp>
  *
  *     int main()

@@ -14,6 +14,7 @@
 #include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
+#include "support/own_events.h"
 #include "support/scratch.h"
 
 using namespace std::chrono_literals;
@@ -168,8 +169,7 @@ TEST_F(ZolHpp, WorkersHandleWhatIsQueuedBeforeTheyGo)
     std::atomic<int> idle = 0;
     auto count = [&](const zol::received &message) { idle += message.is_timeout() ? 1 : 0; };
     auto worker = zol::worker::start("idle", count, 1ms);
-    while (idle < 2) {
-    }
+    EXPECT_TRUE(zol_test::eventually([&] { return idle >= 2; }));
 }
 
 TEST_F(ZolHpp, EventsAreWaitedForAndGoBeforeTheirGroup)

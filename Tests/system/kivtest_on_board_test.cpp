@@ -51,24 +51,6 @@ TEST_F(OnBoard, WritesArriveAndAreJournalled)
     EXPECT_TRUE(says(result, "i2c-1 0x50 W[02 34 a5] ok")) << result.out;
 }
 
-TEST_F(OnBoard, ExampleReadsARegister)
-{
-    const command_result result = on_board(READ_REGISTER_EXAMPLE " Conf/kiv_test.xml");
-    EXPECT_EQ(result.status, 0) << result.out;
-    EXPECT_TRUE(says(result, "its calibration has 80 bytes\n")) << result.out;
-    EXPECT_TRUE(says(result, "the sensor says that it is a 0x33\n")) << result.out;
-}
-
-TEST_F(OnBoard, ExampleLogsTwoWorkers)
-{
-    const command_result result =
-        on_board(TWO_WORKERS_EXAMPLE " Conf/kiv_test.xml && wc -l < /var/log/zol/two_workers.csv");
-    EXPECT_EQ(result.status, 0) << result.out;
-    EXPECT_TRUE(says(result, "all messages were handled\n")) << result.out;
-    // Six times a pulse of three rows and six edges of two; the header, the start and the stop.
-    EXPECT_TRUE(result.out.ends_with("\n93\n")) << result.out;
-}
-
 TEST_F(OnBoard, StorageStressWritesToTheBoard)
 {
     const command_result result =

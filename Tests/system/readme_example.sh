@@ -6,8 +6,8 @@ set -eu
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# shellcheck disable=SC2016 # the backquotes are Markdown's
-sed -n '/^```c$/,/^```$/p' "$1" | sed '1d;$d' > "$scratch/shown"
+# What the README shows in the language of the example.
+sed -n "/^\`\`\`${2##*.}\$/,/^\`\`\`\$/p" "$1" | sed '1d;$d' > "$scratch/shown"
 sed '1,/^ \*\/$/d' "$2" > "$scratch/built"
 [ -s "$scratch/built" ]
 diff -u --label README --label example "$scratch/shown" "$scratch/built"

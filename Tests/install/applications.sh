@@ -63,6 +63,11 @@ by_pkg_config c "${CC:-cc}" -std=c11
 by_pkg_config c++ "${CXX:-c++}" -std=c++20 -x c++
 quietly "$prefix/bin/kivtest.exe" -c "$prefix/share/zol/kiv_test.xml" -t kiv_tokens
 grep -q 'name(accel)' "$scratch/log"
+if [ -e "$prefix/bin/kivboard" ] && "$prefix/bin/kivboard" check 2> /dev/null; then # with the board that is installed
+    (cd "$scratch" && quietly "$prefix/bin/kivboard" run -- "$prefix/bin/kivtest.exe" \
+        -c "$prefix/share/zol/kiv_test.xml" -t read_i2c)
+    grep -q '==> 0x33' "$scratch/log"
+fi
 
 # The CMake package goes where its tree goes.
 mv "$prefix" "$scratch/moved"

@@ -75,4 +75,4 @@ install_packages() {
 }
 
 # shellcheck disable=SC2034 # for the scripts that source this
-readonly build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libxml2-dev libfuse3-dev)
+readonly build_packages=(g++ cmake ninja-build pkg-config python3 libglib2.0-dev libxml2-dev libfuse3-dev)

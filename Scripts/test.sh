@@ -58,7 +58,7 @@ esac
 [ $# -gt 0 ] || set -- "${default_presets[@]}"
 
 say "Building libzol and running all of its tests: $*"
-install_packages "${build_packages[@]}" libgtest-dev
+install_packages "${build_packages[@]}" libgtest-dev groff-base
 for preset in "$@"; do
     if [ "$preset" = clang ] || [ "$preset" = fuzz ]; then
         install_packages clang libclang-rt-14-dev

@@ -123,14 +123,14 @@ check_with_lintian() {
 }
 
 use_in_root() {
-    local packages
-    packages=$(mktemp -d)
+    local packages=$build/in-root
+    rm -rf "$packages"
+    mkdir "$packages"
     cp build/packages/*_"$arch".deb Tests/install/application.c Tests/install/in_root.sh "$packages"
     say "- installing, using and purging them in a bare Debian"
     # shellcheck disable=SC2016 # $1 is the root, for the hook's shell
     in_root "$arch" 'Debian[^|]*' --variant=minbase --customize-hook="copy-in '$packages' /" \
-        --customize-hook='chroot "$1" sh "/'"$(basename "$packages")"'/in_root.sh"'
-    rm -rf "$packages"
+        --customize-hook='chroot "$1" sh /in-root/in_root.sh'
     grep -a '^check:' "$logs/root-$arch.log" | sed 's/^check:/  /'
 }
 

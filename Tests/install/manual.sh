@@ -1,6 +1,6 @@
 #!/bin/sh
-# Formats every manual page, which must not warn, and compares kivtest.exe(1) and the completion with the options and
-# modules that the tool has.
+# Formats every manual page, which must not warn, and compares the pages of kivtest.exe and kivboard, and
+# their completions, with the options, modules and commands that the tools have.
 # usage: manual.sh BUILD_DIRECTORY SOURCE_DIRECTORY KIVTEST_EXE
 set -eu
 
@@ -34,15 +34,20 @@ options_of() {
     sed -n "s/^ *{\"\([a-zA-Z0-9_]*\)\", [a-z]*_argument, nullptr, '\(.\)'},$/-\2\n--\1/p" "$source/Src/$1"
 }
 
-# section HEADING: a section of kivtest.exe(1), as plain text.
-section() {
-    sed 's/\\f.//g; s/\\-/-/g' "$man/man1/kivtest.exe.1" | awk -v heading="$1" '/^\.S[HS]/ { here = $0 ~ heading "$" } here'
+plain() {
+    sed 's/\\f.//g; s/\\-/-/g' "$man/man1/$1"
 }
 
-# completed WORD...: what the completion offers for the last word.
+# section HEADING: a section of kivtest.exe(1), as plain text.
+section() {
+    plain kivtest.exe.1 | awk -v heading="$1" '/^\.S[HS]/ { here = $0 ~ heading "$" } here'
+}
+
+# completed COMMAND WORD...: what the completion offers for the last word.
 completed() {
-    bash -c 'source "$1/Tools/completion/kivtest.exe"; shift
-        COMP_WORDS=(kivtest.exe "$@"); COMP_CWORD=$#; _kivtest; printf "%s\n" "${COMPREPLY[@]}"' - "$source" "$@"
+    bash -c 'source "$1/Tools/completion/$2"; shift
+        COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); $(complete -p "$1" | sed "s/.*-F \([^ ]*\) .*/\1/")
+        printf "%s\n" "${COMPREPLY[@]}"' - "$source" "$@"
 }
 
 # same_options SOURCE HEADING WORD...: the page and the completion know the options of a table.
@@ -50,7 +55,7 @@ same_options() {
     table=$1 heading=$2
     shift 2
     [ -n "$(options_of "$table")" ] || complain "no options in $table"
-    completed "$@" - > "$scratch/completed"
+    completed kivtest.exe "$@" - > "$scratch/completed"
     for option in $(options_of "$table"); do
         section "$heading" | grep -qE -- "(^|, )$option( |,|$)" || complain "kivtest.exe(1), $heading: lacks $option"
         grep -qx -- "$option" "$scratch/completed" || complain "the completion of $* lacks $option"
@@ -66,11 +71,24 @@ same_options tests/zol_test_cpu_bench/zol_test_cpu_bench.cpp cpubench -m cpubenc
 # The tests and modules of the tool's own list.
 "$kivtest" -h | sed -n 's/^ \{11\}\([a-z0-9_]*\) *- .*/\1/p' > "$scratch/listed"
 grep -qx gpio "$scratch/listed" || complain "cannot read the tool's list"
-completed -t '' > "$scratch/completed"
+completed kivtest.exe -t '' > "$scratch/completed"
 while read -r name; do
     section "(TESTS|$name)" | grep -qE "^\.(B|SS) $name$" || complain "kivtest.exe(1) lacks $name"
     [ "$name" = kiv_config ] || # which is listed, but is none
         grep -qx "$name" "$scratch/completed" || complain "the completion lacks $name"
 done < "$scratch/listed"
+
+# The commands of kivboard, and the options of its "run".
+{
+    sed -n 's/^    {"\([a-z]*\)", [0-9].*/\1/p' "$source/Board/requests.h"
+    sed -n '/run_option_table/,/;/p' "$source/Board/main.cpp" | grep -o '"--[a-z]*"' | tr -d '"'
+} > "$scratch/commands"
+grep -qx raise "$scratch/commands" || complain "cannot read kivboard's commands"
+grep -qx -- --bind "$scratch/commands" || complain "cannot read the options of kivboard run"
+{ completed kivboard ''; completed kivboard run ''; } > "$scratch/completed"
+while read -r word; do
+    plain kivboard.1 | grep -qE -- "^$word( |$)" || complain "kivboard(1) lacks $word"
+    grep -qx -- "$word" "$scratch/completed" || complain "the completion of kivboard lacks $word"
+done < "$scratch/commands"
 
 [ $failed -eq 0 ] && echo "$pages pages"

@@ -126,12 +126,14 @@ bool board_fs::serve_one()
 board_fs::node *board_fs::find(fuse_req_t request, fuse_ino_t inode)
 {
     auto *const self = static_cast<board_fs *>(fuse_req_userdata(request));
-    return inode >= 1 && inode <= self->nodes_.size() ? self->nodes_[inode - 1].get() : nullptr;
+    return inode >= 1 && inode <= self->nodes_.size()
+               ? self->nodes_[static_cast<std::size_t>(inode - 1)].get()
+               : nullptr;
 }
 
 board_file::opening &board_fs::opening_of(const fuse_file_info *info)
 {
-    return *reinterpret_cast<board_file::opening *>(info->fh);
+    return *reinterpret_cast<board_file::opening *>(static_cast<std::uintptr_t>(info->fh));
 }
 
 void board_fs::on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name)

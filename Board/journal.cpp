@@ -20,7 +20,7 @@ std::string journal::from(std::uint64_t number) const
         number = first_;
     }
     for (; number < next_number(); ++number) {
-        text += std::to_string(number) + " " + lines_[number - first_] + "\n";
+        text += std::to_string(number) + " " + lines_[static_cast<std::size_t>(number - first_)] + "\n";
     }
     return text;
 }

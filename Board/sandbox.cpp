@@ -138,6 +138,9 @@ std::string ground::make_directory(const std::string &path)
         return "";
     }
     const std::string parent = fs::path(path).parent_path();
+    if (parent == "/") { // processes keep their root, so covering it would not show them anything
+        return path + " is missing, and only the machine's administrator can make it";
+    }
     if (std::string problem = make_directory(parent); !problem.empty()) {
         return problem;
     }

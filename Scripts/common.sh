@@ -54,24 +54,30 @@ apt_install() {
             --no-install-recommends install "$@"
 }
 
-# install_packages PACKAGE...: installs those that are missing. A mirror may be down for a while, so it is asked
-# several times.
-install_packages() {
-    local missing attempt
-    mapfile -t missing < <(missing_packages "$@")
-    [ ${#missing[@]} -gt 0 ] || return 0
-    command -v apt-get > /dev/null || fail "this is no Debian system; install the equivalents of: ${missing[*]}"
-    say "- installing ${missing[*]}"
+# from_mirror WHAT COMMAND...: a mirror may be down for a while, so it is asked several times.
+from_mirror() {
+    local what=$1 attempt
+    shift
     mkdir -p "$logs"
     for attempt in 1 2 3 4 5; do
-        if apt_install "${missing[@]}" > "$logs/apt.log" 2>&1; then
+        if "$@" > "$logs/apt.log" 2>&1; then
             return 0
         fi
         sleep $((attempt * 5))
     done
     tail -n 5 "$logs/apt.log" >&2
-    say "the package mirror did not deliver ${missing[*]}; see $logs/apt.log" >&2
+    say "the package mirror did not deliver $what; see $logs/apt.log" >&2
     exit $exit_no_packages
+}
+
+# install_packages PACKAGE...: installs those that are missing.
+install_packages() {
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    [ ${#missing[@]} -gt 0 ] || return 0
+    command -v apt-get > /dev/null || fail "this is no Debian system; install the equivalents of: ${missing[*]}"
+    say "- installing ${missing[*]}"
+    from_mirror "${missing[*]}" apt_install "${missing[@]}"
 }
 
 # shellcheck disable=SC2034 # for the scripts that source this

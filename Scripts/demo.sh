@@ -10,10 +10,11 @@ usage() {
     cat << END
 usage: Scripts/demo.sh
 
-Installs what is missing, builds, and shows kivtest.exe at work on the virtual board: it writes and
-reads registers of I2C devices, and the board's journal shows that they arrived; two worker
-threads draw a timing diagram of their messages; then the prepared tokens are read. Exit status 0 when all of it was as it should be. Without FUSE the
-board's part is left out, with the reason.
+Installs what is missing, builds, and shows the library at its main job on the virtual board: a
+button raises an interrupt, which posts an event; a worker takes it, reads a sensor over I2C and
+switches a lamp, and all of it is drawn as a timing diagram. Then kivtest.exe writes and reads
+registers, and reads the prepared tokens. Exit status 0 when all of it was as it should be.
+Without FUSE the board's part is left out, with the reason.
 END
 }
 
@@ -45,22 +46,35 @@ write_and_read() {
     expect "$5" "$logs/peek.log"
 }
 
-on_the_board() {
-    write_and_read "" 4 0x18 0x20 0x57
-    write_and_read 16 1 0x50 0x123 0xa5
-    show kivboard journal
-    "$bin/kivboard" journal
-    draw_two_workers
+# Presses the button once the application has asked for its interrupts; until then the board drops them.
+press_the_button() {
+    local deadline=$((SECONDS + 10))
+    until [ -z "$("$bin/kivboard" raise 17)" ]; do
+        [ $SECONDS -lt $deadline ] || fail "nobody asks for the interrupts of pin 17; see $logs/button_lamp.log"
+        sleep 0.05
+    done
+    (sleep 0.002; say "raise 17"; sleep 0.002; say "raise 17") | "$bin/kivboard" -
 }
 
-# Two workers and their messages, as a picture. The log lies in the board's /var/log/zol, which goes with the board.
-draw_two_workers() {
-    show two_workers
-    "$bin/two_workers" > "$logs/two_workers.log" 2>&1 || fail "two_workers failed; see $logs/two_workers.log"
-    grep -av '\[   KIV   \]' "$logs/two_workers.log"
-    show zol_timing /var/log/zol/two_workers.csv
-    "$bin/zol_timing" /var/log/zol/two_workers.csv --svg build/demo/two_workers.svg --vcd build/demo/two_workers.vcd
-    expect "finish" build/demo/two_workers.svg
+# The log lies in the board's /var/log/zol, which goes with the board.
+from_a_button_to_a_lamp() {
+    show "button_lamp &    # and three times: kivboard raise 17"
+    "$bin/button_lamp" > "$logs/button_lamp.log" 2>&1 &
+    press_the_button
+    wait $! || fail "button_lamp failed; see $logs/button_lamp.log"
+    grep -av '\[   KIV   \]' "$logs/button_lamp.log"
+    expect "press 3: the sensor says 0x33, the lamp is on" "$logs/button_lamp.log"
+    show kivboard journal
+    "$bin/kivboard" journal
+    show zol_timing /var/log/zol/button_lamp.csv
+    "$bin/zol_timing" /var/log/zol/button_lamp.csv --svg build/demo/button_lamp.svg --vcd build/demo/button_lamp.vcd
+    expect "wait for event" build/demo/button_lamp.svg
+}
+
+on_the_board() {
+    from_a_button_to_a_lamp
+    write_and_read "" 4 0x18 0x20 0x57
+    write_and_read 16 1 0x50 0x123 0xa5
 }
 
 without_the_board() {
@@ -84,7 +98,7 @@ case ${1:-} in
     ;;
 esac
 
-say "libzol on the virtual board: registers over I2C, worker threads and their timing, tokens"
+say "libzol on the virtual board: from an interrupt to an output, registers over I2C, tokens"
 install_packages "${build_packages[@]}"
 quietly "configuring" cmake --preset release -B build/demo -DZOL_BUILD_TESTS=OFF
 quietly "building" cmake --build build/demo
@@ -98,7 +112,7 @@ fi
 without_the_board
 
 if [ $board = yes ]; then
-    printf '\nThe timing diagram of the two workers: %s\n' "$PWD/build/demo/two_workers.svg"
+    printf '\nThe timing diagram, from the button to the lamp: %s\n' "$PWD/build/demo/button_lamp.svg"
     printf '\ndemo: passed\n'
 else
     printf '\ndemo: passed without the virtual board; see the reason above\n'

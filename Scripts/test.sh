@@ -16,6 +16,7 @@ Installs what is missing, builds, and runs all tests, once per preset:
   tsan     under ThreadSanitizer
   debug, clang  other builds of the same
   fuzz     the fuzz targets, half a minute each (needs clang)
+  armhf    for a 32-bit ARM board, in user-mode emulation
 Without a preset: ${default_presets[*]}. Tests on the virtual board are skipped, with the
 reason, where there is no FUSE. Exit status 0 when no test failed, 75 when the package mirror
 could not deliver.
@@ -27,6 +28,20 @@ passed=0 failed=0 skipped=0
 # The attribute of the test run in a JUnit report.
 count() {
     sed -n "s/.*\\b$1=\"\\([0-9]*\\)\".*/\\1/p; /<testcase/q" "$2" | head -n 1
+}
+
+build_preset() {
+    case $1 in
+    armhf)
+        Scripts/arm.sh build
+        return
+        ;;
+    clang | fuzz)
+        install_packages clang libclang-rt-14-dev
+        ;;
+    esac
+    quietly "configuring $1" cmake --preset "$1"
+    quietly "building $1" cmake --build --preset "$1"
 }
 
 run_tests() {
@@ -60,11 +75,7 @@ esac
 say "Building libzol and running all of its tests: $*"
 install_packages "${build_packages[@]}" libgtest-dev groff-base
 for preset in "$@"; do
-    if [ "$preset" = clang ] || [ "$preset" = fuzz ]; then
-        install_packages clang libclang-rt-14-dev
-    fi
-    quietly "configuring $preset" cmake --preset "$preset"
-    quietly "building $preset" cmake --build --preset "$preset"
+    build_preset "$preset"
     run_tests "$preset"
 done
 say "tests: $passed passed, $failed failed, $skipped skipped"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -86,7 +87,19 @@ TEST_F(BoardI2c, RefusalsAreNoAnswer)
     EXPECT_EQ(transfer(0x1b, {1}), ENXIO) << "the third transfer";
 }
 
-TEST_F(BoardI2c, NodeTakesTransfersFromItsCaller)
+// The transfers of a caller; emulators of single programs do not have the call that looks into its memory.
+class BoardI2cCaller : public BoardI2c
+{
+protected:
+    void SetUp() override
+    {
+        if (process_vm_readv(getpid(), nullptr, 0, nullptr, 0, 0) != 0 && errno == ENOSYS) {
+            GTEST_SKIP() << "no process_vm_readv() here";
+        }
+    }
+};
+
+TEST_F(BoardI2cCaller, NodeTakesTransfersFromItsCaller)
 {
     std::uint8_t reg = 14;
     std::uint8_t out[2] = {};
@@ -103,7 +116,7 @@ TEST_F(BoardI2c, NodeTakesTransfersFromItsCaller)
     EXPECT_EQ(ioctl(I2C_SLAVE, &functions), -ENOTTY);
 }
 
-TEST_F(BoardI2c, HostileRequestsAreRefused)
+TEST_F(BoardI2cCaller, HostileRequestsAreRefused)
 {
     std::uint8_t byte = 0;
     i2c_msg message = {0x18, 0, 1, &byte};

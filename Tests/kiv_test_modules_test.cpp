@@ -31,7 +31,7 @@ protected:
             argv.push_back(option.data());
         }
         argv.push_back(nullptr);
-        optind = 1;
+        optind = 0; // getopt forgets the command line before, which is gone
         g_debugLevel = 2;
         return module(static_cast<int>(options.size()), argv.data(), 0);
     }

@@ -8,6 +8,12 @@ target_compile_options(zol_compile INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<CXX_COMPILER_ID:GNU>:-fstack-clash-protection>)
 
+# On 32-bit targets: files of any size and inode number. The public headers depend on the width of time_t, not on that
+# of off_t, so applications may decide otherwise.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_compile_definitions(zol_compile INTERFACE _FILE_OFFSET_BITS=64)
+endif()
+
 target_link_options(zol_compile INTERFACE
     -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 

@@ -165,7 +165,8 @@ KIV_API int32_t kiv_events_get_event_fd(const char *name, int32_t *out);
 
 /**
  * Waits until at least one of some events has been notified, then takes one record of each that has.
- * @param entries    The events and the buffers; those whose event did not fire are left untouched.
+ * @param entries    The events and the buffers. An entry that did not fire is as it was; only where a record
+ * was torn by foreign bytes, part of it may be in the buffer.
  * @param timeoutUs  The limit in microseconds, of which whole milliseconds count: below 1,000 the call looks
  *                   once and does not wait. 0 or less: no limit.
  * @retval KIV_OK                 See which entries have fired. All reads may have failed, each with an ERRR

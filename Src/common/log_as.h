@@ -8,6 +8,7 @@
 namespace kiv::level
 {
 inline constexpr std::uint32_t ERRR = 1;
+inline constexpr std::uint32_t PRNT = 2;
 inline constexpr std::uint32_t INF1 = 3;
 } // namespace kiv::level
 

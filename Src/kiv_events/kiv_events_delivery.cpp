@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "common/call_trace.h"
@@ -155,21 +155,16 @@ public:
     watch_list() noexcept = default;
     watch_list(const watch_list &) = delete;
     watch_list &operator=(const watch_list &) = delete;
-    ~watch_list()
-    {
-        if (items_ != few_items_) {
-            std::free(items_);
-            std::free(fds_);
-        }
-    }
 
     [[nodiscard]] bool make_room(uint32_t count) noexcept
     {
         if (count <= few) {
             return true;
         }
-        items_ = static_cast<kiv_event_item **>(std::calloc(count, sizeof *items_));
-        fds_ = static_cast<pollfd *>(std::calloc(count, sizeof *fds_));
+        many_items_.reset(new (std::nothrow) kiv_event_item *[count]);
+        many_fds_.reset(new (std::nothrow) pollfd[count]);
+        items_ = many_items_.get();
+        fds_ = many_fds_.get();
         return items_ != nullptr && fds_ != nullptr;
     }
 
@@ -203,6 +198,8 @@ private:
 
     kiv_event_item *few_items_[few];
     pollfd few_fds_[few];
+    std::unique_ptr<kiv_event_item *[]> many_items_;
+    std::unique_ptr<pollfd[]> many_fds_;
     kiv_event_item **items_ = few_items_;
     pollfd *fds_ = few_fds_;
     uint32_t count_ = 0;

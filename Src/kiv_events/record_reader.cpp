@@ -172,7 +172,7 @@ read_result read_payload(kiv_event_item &item, kiv_event_wait_entry &entry, cons
     transfer last = {};
     const read_result result = receive(item, to, in.payload_got, in.header.size, limit, last);
     if (result == read_result::failed) {
-        in.start_anew();
+        in.discard();
         return report_payload(item, last);
     }
     if (result == read_result::incomplete) {

@@ -33,6 +33,14 @@ struct inbox {
     uint32_t payload_room = 0;
 
     void start_anew() noexcept { header_got = payload_got = 0; }
+
+    // What was no record may have claimed any length: its room is not kept.
+    void discard() noexcept
+    {
+        start_anew();
+        payload.reset();
+        payload_room = 0;
+    }
 };
 
 } // namespace kiv

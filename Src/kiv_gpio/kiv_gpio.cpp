@@ -55,7 +55,7 @@ bool is_refused_here(const char *operation)
     return false;
 }
 
-// The two reasons why an operation that needs the listener cannot be done.
+// What needs the listener cannot be done without it.
 bool is_refused_now(const char *operation, int gpio) KIV_REQUIRES(g_turn)
 {
     if (!is_initialized()) {
@@ -80,6 +80,29 @@ int32_t report_not_allocated(const char *operation)
 {
     KIV_LOG_AS(operation, ERRR, "Failed to find the gpio - gpio is not allocated.\n");
     return KIV_ERR_INVALID_PARAM;
+}
+
+// An operation on one pin, done holding the table's mutex.
+template <typename Operation>
+int32_t do_with_pin(const char *name, int gpio, Operation operation)
+{
+    if (is_refused_here(name)) {
+        return KIV_ERR_STATE;
+    }
+    const scoped_lock lock(g_gpio_db.lock);
+    gpio_item *const item = __gpio_item_find(gpio);
+    return item != nullptr ? operation(*item) : report_not_allocated(name);
+}
+
+// An operation that ends in talking with the listener.
+template <typename Operation>
+int32_t do_in_turn(const char *name, int gpio, Operation operation)
+{
+    if (is_refused_here(name)) {
+        return KIV_ERR_STATE;
+    }
+    const scoped_lock turn(g_turn);
+    return is_refused_now(name, gpio) ? KIV_ERR_STATE : operation();
 }
 
 void prepend(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
@@ -135,6 +158,15 @@ int32_t open_nodes(gpio_item &item)
     return KIV_OK;
 }
 
+// A board without a name is worth a line, but no reason not to register.
+void check_configuration()
+{
+    char config_name[64] = {};
+    const bool is_configured =
+        kiv_config_get_param("general", "", "configName", config_name, sizeof config_name) == 1;
+    KIV_ASSERT(is_configured);
+}
+
 int32_t open_interrupt_nodes(gpio_item &item)
 {
     for (const fd_type type : {irq, irqmask, irqrequest, irqconfig}) {
@@ -146,8 +178,7 @@ int32_t open_interrupt_nodes(gpio_item &item)
     return KIV_OK;
 }
 
-// Tells the listener of a change to the table; the waiting is done without the table's mutex, which the
-// listener needs.
+// The listener has to be told, but without the table's mutex held, which it needs.
 void set_callback(gpio_item &item, kiv_gpio_cbk cbk, uintptr_t user_data, int level_edge)
     KIV_REQUIRES(g_gpio_db.lock)
 {
@@ -165,39 +196,28 @@ void clear_callback(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
     item.edge_cfg = item.level_cfg = static_cast<int>(all_ones);
 }
 
-int32_t add_callback(int gpio, int level_edge, kiv_gpio_cbk cbk, uintptr_t user_data)
+int32_t add_callback(gpio_item &item, int level_edge, kiv_gpio_cbk cbk, uintptr_t user_data)
+    KIV_REQUIRES(g_gpio_db.lock)
 {
-    constexpr char operation[] = "kiv_gpio_register_callback";
-    const scoped_lock lock(g_gpio_db.lock);
-    gpio_item *const item = __gpio_item_find(gpio);
-    if (item == nullptr) {
-        return report_not_allocated(operation);
-    }
-    if (const int32_t status = open_interrupt_nodes(*item); status != KIV_OK) {
+    if (const int32_t status = open_interrupt_nodes(item); status != KIV_OK) {
         return status;
     }
-    if (item->cbk != nullptr) {
-        KIV_LOG_AS(operation, ERRR, "Callback already registered.\n");
+    if (item.cbk != nullptr) {
+        KIV_LOG_AS("kiv_gpio_register_callback", ERRR, "Callback already registered.\n");
         return KIV_ERR_INVALID_PARAM;
     }
-    set_callback(*item, cbk, user_data, level_edge);
-    enable_interrupt(*item);
+    set_callback(item, cbk, user_data, level_edge);
+    enable_interrupt(item);
     return KIV_OK;
 }
 
-int32_t remove_callback(int gpio)
+int32_t remove_callback(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
 {
-    constexpr char operation[] = "kiv_gpio_unregister_callback";
-    const scoped_lock lock(g_gpio_db.lock);
-    gpio_item *const item = __gpio_item_find(gpio);
-    if (item == nullptr) {
-        return report_not_allocated(operation);
-    }
-    if (item->cbk == nullptr) {
-        KIV_LOG_AS(operation, ERRR, "There is no callback registered for this gpio.\n");
+    if (item.cbk == nullptr) {
+        KIV_LOG_AS("kiv_gpio_unregister_callback", ERRR, "There is no callback registered for this gpio.\n");
         return KIV_ERR_INVALID_PARAM;
     }
-    clear_callback(*item);
+    clear_callback(item);
     return KIV_OK;
 }
 
@@ -219,14 +239,10 @@ void put_back(gpio_item &item)
     prepend(item);
 }
 
-int32_t check_direction(int gpio, const char *operation)
+// The board decides what an input is.
+int32_t check_direction(gpio_item &)
 {
-    const call_trace trace(__builtin_LINE(), operation);
-    if (is_refused_here(operation)) {
-        return KIV_ERR_STATE;
-    }
-    const scoped_lock lock(g_gpio_db.lock);
-    return __gpio_item_find(gpio) != nullptr ? KIV_OK : report_not_allocated(operation);
+    return KIV_OK;
 }
 
 void __gpio_item_dump(const gpio_item &item)
@@ -316,67 +332,52 @@ int32_t kiv_gpio_request(int gpio, const char *name)
 int32_t kiv_gpio_free(int gpio)
 {
     const call_trace trace;
-    if (is_refused_here(__func__)) {
-        return KIV_ERR_STATE;
-    }
-    const scoped_lock turn(g_turn);
-    if (is_refused_now(__func__, gpio)) {
-        return KIV_ERR_STATE;
-    }
-    gpio_item *const item = take_out(gpio);
-    if (item == nullptr) {
-        return report_not_allocated(__func__);
-    }
-    if (!tell_listener(command::wake_up, gpio)) { // it may be polling the pin's descriptor
-        put_back(*item);
-        return KIV_ERR_SYSTEM;
-    }
-    __gpio_item_free(item);
-    return KIV_OK;
+    return do_in_turn(__func__, gpio, [gpio] {
+        gpio_item *const item = take_out(gpio);
+        if (item == nullptr) {
+            return report_not_allocated("kiv_gpio_free");
+        }
+        if (!tell_listener(command::wake_up, gpio)) { // it may be polling the pin's descriptor
+            put_back(*item);
+            return KIV_ERR_SYSTEM;
+        }
+        __gpio_item_free(item);
+        return KIV_OK;
+    });
 }
 
 int32_t kiv_gpio_set(int gpio, int value)
 {
     const call_trace trace;
-    if (is_refused_here(__func__)) {
-        return KIV_ERR_STATE;
-    }
-    const scoped_lock lock(g_gpio_db.lock);
-    gpio_item *const item = __gpio_item_find(gpio);
-    if (item == nullptr) {
-        return report_not_allocated(__func__);
-    }
-    item->kind->set_level(*item, value);
-    return KIV_OK;
+    return do_with_pin(__func__, gpio, [value](gpio_item &item) {
+        item.kind->set_level(item, value);
+        return KIV_OK;
+    });
 }
 
 int32_t kiv_gpio_get(int gpio, int *value)
 {
     const call_trace trace;
-    if (is_refused_here(__func__)) {
-        return KIV_ERR_STATE;
-    }
-    const scoped_lock lock(g_gpio_db.lock);
-    gpio_item *const item = __gpio_item_find(gpio);
-    if (item == nullptr) {
-        return report_not_allocated(__func__);
-    }
-    if (value == nullptr) {
-        KIV_LOG_ERRR("Got NULL as destination for output!\n");
-        return KIV_ERR_INVALID_PARAM;
-    }
-    *value = item->kind->get_level(*item);
-    return KIV_OK;
+    return do_with_pin(__func__, gpio, [value](gpio_item &item) {
+        if (value == nullptr) {
+            KIV_LOG_AS("kiv_gpio_get", ERRR, "Got NULL as destination for output!\n");
+            return KIV_ERR_INVALID_PARAM;
+        }
+        *value = item.kind->get_level(item);
+        return KIV_OK;
+    });
 }
 
 int32_t kiv_gpio_direction_in(int gpio)
 {
-    return check_direction(gpio, __func__);
+    const call_trace trace;
+    return do_with_pin(__func__, gpio, check_direction);
 }
 
 int32_t kiv_gpio_direction_out(int gpio)
 {
-    return check_direction(gpio, __func__);
+    const call_trace trace;
+    return do_with_pin(__func__, gpio, check_direction);
 }
 
 int32_t kiv_gpio_status_dump(void)
@@ -395,44 +396,35 @@ int32_t kiv_gpio_status_dump(void)
 int32_t kiv_gpio_register_callback(int gpio, int level_edge, int, int, kiv_gpio_cbk cbk, uintptr_t user_data)
 {
     const call_trace trace;
-    if (is_refused_here(__func__)) {
-        return KIV_ERR_STATE;
-    }
     if (cbk == nullptr) {
         KIV_LOG_ERRR("gpio %d needs a callback\n", gpio);
         return KIV_ERR_INVALID_PARAM;
     }
-    const scoped_lock turn(g_turn);
-    if (is_refused_now(__func__, gpio)) {
-        return KIV_ERR_STATE;
-    }
-    char config_name[64] = {};
-    const bool is_configured =
-        kiv_config_get_param("general", "", "configName", config_name, sizeof config_name) == 1;
-    KIV_ASSERT(is_configured);
-    if (const int32_t status = add_callback(gpio, level_edge, cbk, user_data); status != KIV_OK) {
-        return status;
-    }
-    if (!tell_listener(command::registered, gpio)) {
-        remove_callback(gpio); // which nobody would call
-        return KIV_ERR_SYSTEM;
-    }
-    return KIV_OK;
+    return do_in_turn(__func__, gpio, [=] {
+        check_configuration();
+        const int32_t status = do_with_pin("kiv_gpio_register_callback", gpio,
+                                           [=](gpio_item &item) KIV_REQUIRES(g_gpio_db.lock) {
+                                               return add_callback(item, level_edge, cbk, user_data);
+                                           });
+        if (status != KIV_OK) {
+            return status;
+        }
+        if (!tell_listener(command::registered, gpio)) {
+            do_with_pin("kiv_gpio_register_callback", gpio, remove_callback); // which nobody would call
+            return KIV_ERR_SYSTEM;
+        }
+        return KIV_OK;
+    });
 }
 
 int32_t kiv_gpio_unregister_callback(int gpio)
 {
     const call_trace trace;
-    if (is_refused_here(__func__)) {
-        return KIV_ERR_STATE;
-    }
-    const scoped_lock turn(g_turn);
-    if (is_refused_now(__func__, gpio)) {
-        return KIV_ERR_STATE;
-    }
-    if (const int32_t status = remove_callback(gpio); status != KIV_OK) {
+    return do_in_turn(__func__, gpio, [gpio] {
+        const int32_t status = do_with_pin("kiv_gpio_unregister_callback", gpio, remove_callback);
+        if (status == KIV_OK) {
+            tell_listener(command::unregistered, gpio); // told or not, the callback will not run again
+        }
         return status;
-    }
-    tell_listener(command::unregistered, gpio); // told or not, the callback will not run again
-    return KIV_OK;
+    });
 }

@@ -41,13 +41,24 @@ using zol_test::call_fails;
         return __real_##name arguments;                                                                      \
     }
 
-// Operator new that returns null: its mangled name depends on the width of size_t.
+// Operator new that returns null: its mangled name depends on the width of size_t. Where that is 32 bits, the
+// build asks for 64-bit file offsets, with which these calls have other names.
 #if __SIZEOF_SIZE_T__ == 8
 #    define NOTHROW_NEW       _ZnwmRKSt9nothrow_t
 #    define NOTHROW_NEW_ARRAY _ZnamRKSt9nothrow_t
 #else
 #    define NOTHROW_NEW       _ZnwjRKSt9nothrow_t
 #    define NOTHROW_NEW_ARRAY _ZnajRKSt9nothrow_t
+#    define __real_open       __real_open64
+#    define __wrap_open       __wrap_open64
+#    define __real_fopen      __real_fopen64
+#    define __wrap_fopen      __wrap_fopen64
+#    define __real_stat       __real_stat64
+#    define __wrap_stat       __wrap_stat64
+#    define __real_fstat      __real_fstat64
+#    define __wrap_fstat      __wrap_fstat64
+#    define __real_fcntl      __real_fcntl64
+#    define __wrap_fcntl      __wrap_fcntl64
 #endif
 #define ALLOCATOR(name, parameters, arguments)                                                               \
     WRAPPED_IF(allocation_fails, void *, name, parameters, arguments, nullptr, ENOMEM)

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <iterator>
+#include <sstream>
 
 namespace zol_test
 {
@@ -22,12 +25,22 @@ std::string contents(const kiv::unique_fd &file)
     return text;
 }
 
+// The words of $ZOL_EMULATOR.
+std::vector<std::string> emulator()
+{
+    const char *const command = std::getenv("ZOL_EMULATOR");
+    std::istringstream words(command != nullptr ? command : "");
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
 // Starts a program. @param directory  Where; "" for here.
 pid_t spawn(const std::vector<std::string> &words, const std::string &directory, int in, int out, int err)
 {
+    std::vector<std::string> whole = emulator();
+    whole.insert(whole.end(), words.begin(), words.end());
     std::vector<char *> arguments;
-    for (const std::string &word : words) {
-        arguments.push_back(const_cast<char *>(word.c_str()));
+    for (std::string &word : whole) {
+        arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
     const pid_t child = fork();

@@ -17,6 +17,7 @@ struct command_result {
     std::string err;
 };
 
+/// Where $ZOL_EMULATOR is set, the program is run by it.
 /// @param directory  Where it runs; "" for the directory of the test.
 command_result run_command(const std::vector<std::string> &words, const std::string &directory = "");
 

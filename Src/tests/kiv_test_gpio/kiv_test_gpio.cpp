@@ -10,6 +10,7 @@
 #include <iterator>
 
 #include "common/console.h"
+#include "common/log_as.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_gpio.h"
 #include "zol/kiv_status.h"
@@ -95,11 +96,13 @@ bool __register_unregister_gpio(int gpio, int cnt)
     return true;
 }
 
-// Logs each line of a text as a line of its own.
-#define PRINT_LINES(lines)                                                                                   \
-    for (const char *const line : lines) {                                                                   \
-        KIV_LOG_PRNT("%s\n", line);                                                                          \
+template <std::size_t count>
+void print_lines(const char *routine, const char *const (&lines)[count])
+{
+    for (const char *const line : lines) {
+        KIV_LOG_AS(routine, PRNT, "%s\n", line);
     }
+}
 
 void __print_help()
 {
@@ -115,7 +118,7 @@ void __print_help()
         "'-r or --registerunregister <gpio num>' \t\t: Register/UnRegister gpio num, cnt times",
         "'-c or --count <cnt>' \t\t: Set a global count (cnt) variable",
     };
-    PRINT_LINES(lines)
+    print_lines(__func__, lines);
 }
 
 void __print_interactive_help()
@@ -133,7 +136,7 @@ void __print_interactive_help()
         "'1'-level/'0'-edge; '0'-low-level/'1'-high-level/'2'-falling-edge/'3'-rising-edge/'4'-both edges",
         "'unreg <gpio_num>'\t\t\t: UnRegister callback for gpio",
     };
-    PRINT_LINES(lines)
+    print_lines(__func__, lines);
 }
 
 // The console's commands: each carries a line out if it is its own, and says whether it was.

@@ -14,7 +14,8 @@ usage() {
 usage: Scripts/package.sh [PRESET [CMAKE-OPTION...]]
 
 Installs what is missing, builds the packages libzol0, libzol-dev, kivtest and kivboard for the
-architecture of a preset (release: this machine's; armhf: a 32-bit ARM board's), and checks them:
+architecture of a preset (release: this machine's; armhf: a 32-bit ARM board's, for which
+Scripts/arm.sh build has been run before), and checks them:
 lintian finds no error; and in a bare Debian of their own they are installed, used (a program is
 compiled and run, kivtest.exe is run), and purged without a trace. The latter is left out, and
 said so, for packages of an architecture that this machine is not.
@@ -23,20 +24,12 @@ mirror could not deliver.
 END
 }
 
-# sources_for ARCHITECTURE LABEL-PATTERN: the package sources of this machine's distribution.
-sources_for() {
-    # shellcheck disable=SC2016 # the words are apt's
-    apt-get indextargets --format \
-        '$(IDENTIFIER)|$(LABEL)|$(COMPONENT)|deb [arch=ARCH] $(REPO_URI) $(RELEASE) $(COMPONENT)' |
-        sed -n "s/ARCH/$1/; s/^Packages|$2|main|//p" | sort -u
-}
-
 make_root() {
     local arch=$1 labels=$2
     shift 2
-    sources_for "$arch" "$labels" > "$logs/sources"
+    package_sources "$arch" "$labels" > "$logs/sources"
     [ -s "$logs/sources" ] || { # apt knows the labels once it has the lists
-        as_root apt-get -qq update && sources_for "$arch" "$labels" > "$logs/sources"
+        as_root apt-get -qq update && package_sources "$arch" "$labels" > "$logs/sources"
     }
     as_root mmdebstrap --architectures="$arch" --aptopt='Acquire::Retries "3"' --format=null "$@" \
         "$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)" /dev/null - < "$logs/sources"

@@ -99,11 +99,19 @@ std::string default_socket()
            std::to_string(getuid()) + ".sock";
 }
 
+// What is installed with the program is found from where the program is: the tree may have been moved.
+std::string installed_board_file()
+{
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return (program.parent_path() / KIVBOARD_FILE_FROM_PROGRAM).lexically_normal();
+}
+
 std::string default_board_file()
 {
-    for (const char *const candidate :
-         {"Conf/kiv_board.xml", KIVBOARD_DEFAULT_FILE, "/etc/kiv/kiv_board.xml"}) {
-        if (access(candidate, R_OK) == 0) {
+    for (const std::string &candidate :
+         {std::string("Conf/kiv_board.xml"), installed_board_file(), std::string("/etc/kiv/kiv_board.xml")}) {
+        if (access(candidate.c_str(), R_OK) == 0) {
             return candidate;
         }
     }

@@ -28,14 +28,6 @@ Exit status 0 when all went well, 75 when the package mirror could not deliver.
 END
 }
 
-# The package sources of this machine's distribution, for the target.
-target_sources() {
-    # shellcheck disable=SC2016 # the words are apt's
-    apt-get indextargets --format \
-        '$(IDENTIFIER)|$(LABEL)|$(COMPONENT)|deb [arch=armhf] $(REPO_URI) $(RELEASE) $(COMPONENT)' |
-        sed -n 's/^Packages|Debian|main|//p' | sort -u
-}
-
 # Configures apt for packages of the target in a directory of its own; this machine's packages are not concerned.
 configure_apt() {
     mkdir -p "$target/apt/lists/partial" "$target/apt/cache/archives/partial"
@@ -53,9 +45,9 @@ APT::Sandbox::User "root";
 Acquire::Languages "none";
 Acquire::Retries "3";
 END
-    target_sources > "$target/apt/sources.list"
+    package_sources armhf Debian > "$target/apt/sources.list"
     [ -s "$target/apt/sources.list" ] || { # apt knows the labels once it has the lists
-        as_root apt-get -qq update && target_sources > "$target/apt/sources.list"
+        as_root apt-get -qq update && package_sources armhf Debian > "$target/apt/sources.list"
     }
 }
 

@@ -80,5 +80,14 @@ install_packages() {
     from_mirror "${missing[*]}" apt_install "${missing[@]}"
 }
 
+# package_sources ARCHITECTURE LABEL-PATTERN: the package sources of this machine's distribution, for an architecture.
+# Of its labels "Debian" is the distribution without its security updates.
+package_sources() {
+    # shellcheck disable=SC2016 # the words are apt's
+    apt-get indextargets --format \
+        '$(IDENTIFIER)|$(LABEL)|$(COMPONENT)|deb [arch=ARCH] $(REPO_URI) $(RELEASE) $(COMPONENT)' |
+        sed -n "s/ARCH/$1/; s/^Packages|$2|main|//p" | sort -u
+}
+
 # shellcheck disable=SC2034 # for the scripts that source this
-readonly build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libxml2-dev libfuse3-dev)
+readonly build_packages=(g++ cmake ninja-build pkg-config python3 libglib2.0-dev libxml2-dev libfuse3-dev)

@@ -73,7 +73,7 @@ esac
 [ $# -gt 0 ] || set -- "${default_presets[@]}"
 
 say "Building libzol and running all of its tests: $*"
-install_packages "${build_packages[@]}" libgtest-dev
+install_packages "${build_packages[@]}" libgtest-dev groff-base
 for preset in "$@"; do
     build_preset "$preset"
     run_tests "$preset"

@@ -8,8 +8,8 @@
  * and a queue push. Any number of logs may be open.
  *
  * @code
- *     static kiv_tl_map_entry lanes[] = {{.event_id = 1, .label = "rx"}, {.event_id = 2, .label = "tx"},
- * {.event_id = -1}};
+ *     static kiv_tl_map_entry lanes[] = {
+ *         {.event_id = 1, .label = "rx"}, {.event_id = 2, .label = "tx"}, {.event_id = -1}};
  *
  *     kiv_tl_ctx *log = kiv_tl_init("radio", lanes);
  *     if (log != NULL) {

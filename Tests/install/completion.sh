@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Asks the completions for some words. usage: completion.sh COMPLETION_DIRECTORY
+set -u
+
+completions=$(realpath "$1")
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cd "$scratch" || exit 1
+touch conf.xml log.csv log.txt
+for command in kivtest.exe kivboard zol_timing; do
+    # shellcheck source=/dev/null
+    source "$completions/$command"
+done
+failed=0
+
+# completes EXPECTED WORD...: the last word completes to these, in any order.
+completes() {
+    local expected=$1 got
+    shift
+    COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMPREPLY=()
+    local function
+    function=$(complete -p "$1" | sed 's/.*-F \([^ ]*\) .*/\1/')
+    "$function" "$1" "${!#}" "${COMP_WORDS[COMP_CWORD - 1]}" 2> /dev/null
+    got=$(printf '%s\n' "${COMPREPLY[@]}" | sort | paste -sd ' ')
+    if [[ $got != "$expected" ]]; then
+        echo "$*: completes to '$got', not to '$expected'"
+        failed=1
+    fi
+}
+
+completes '--reg --repeat' kivtest.exe --re
+completes 'read_i2c read_i2c16' kivtest.exe -t read
+completes 'kiv_i2c kiv_thread kiv_tokens' kivtest.exe --test kiv_
+completes 'events' kivtest.exe -m e
+completes 'gpio' kivtest.exe -h g
+completes 'conf.xml' kivtest.exe -c c
+completes '' kivtest.exe -r ''
+completes '--mem --mem_sz' kivtest.exe -s 1 -m cpubench --m
+completes '--size' kivtest.exe -m biostress -t 4 --s     # -t is the module's here
+completes '' kivtest.exe -m kiv_tokens -
+completes 'peek poke' kivboard p
+completes '--board' kivboard run --bo
+completes 'conf.xml' kivboard run --conf c
+completes 'irq irqconfig irqmask irqrequest' kivboard fail 17 i
+completes 'poll' kivboard mend --socket s 17 irq p
+completes '--socket' kivboard peek --s
+completes 'log.csv' zol_timing lo
+completes '--svg' zol_timing log.csv --s
+exit $failed

@@ -1,0 +1,94 @@
+#!/bin/sh
+# Formats every manual page, which must not warn, and compares the pages of kivtest.exe and kivboard, and
+# their completions, with the options, modules and commands that the tools have.
+# usage: manual.sh BUILD_DIRECTORY SOURCE_DIRECTORY KIVTEST_EXE
+set -eu
+
+build=$1 source=$2 kivtest=$3
+command -v groff > /dev/null || { echo "skipped: needs groff"; exit 77; }
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cmake --install "$build" --prefix "$scratch" > /dev/null
+man=$scratch/share/man
+failed=0
+
+complain() {
+    echo "$*"
+    failed=1
+}
+
+pages=0
+for page in "$man"/man?/*; do
+    (cd "$man" && groff -s -t -man -ww -z -Tutf8 "$page") > "$scratch/warnings" 2>&1
+    [ ! -s "$scratch/warnings" ] || complain "$(cat "$scratch/warnings")"
+    ! grep -n '@[a-zA-Z_]*@\|@[a-z]' "$page" || complain "$page: marks that nobody replaced"
+    pages=$((pages + 1))
+done
+# The declarations of every public function are in some page.
+for name in $(cat "$source"/Include/zol/*.h | grep -v '^ *#' | tr '\n' ' ' | grep -o 'KIV_API [^;(]*(' | sed 's/($//; s/.*[ *]//'); do
+    grep -q "[ *]$name(" "$man"/man3/*.3 || complain "$name is in no page of section 3"
+done
+
+# The options of a source file's getopt tables, "-l" and "--long", one a line.
+options_of() {
+    sed -n "s/^ *{\"\([a-zA-Z0-9_]*\)\", [a-z]*_argument, nullptr, '\(.\)'},$/-\2\n--\1/p" "$source/Src/$1"
+}
+
+plain() {
+    sed 's/\\f.//g; s/\\-/-/g' "$man/man1/$1"
+}
+
+# section HEADING: a section of kivtest.exe(1), as plain text.
+section() {
+    plain kivtest.exe.1 | awk -v heading="$1" '/^\.S[HS]/ { here = $0 ~ heading "$" } here'
+}
+
+# completed COMMAND WORD...: what the completion offers for the last word.
+completed() {
+    bash -c 'source "$1/Tools/completion/$2"; shift
+        COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); $(complete -p "$1" | sed "s/.*-F \([^ ]*\) .*/\1/")
+        printf "%s\n" "${COMPREPLY[@]}"' - "$source" "$@"
+}
+
+# same_options SOURCE HEADING WORD...: the page and the completion know the options of a table.
+same_options() {
+    table=$1 heading=$2
+    shift 2
+    [ -n "$(options_of "$table")" ] || complain "no options in $table"
+    completed kivtest.exe "$@" - > "$scratch/completed"
+    for option in $(options_of "$table"); do
+        section "$heading" | grep -qE -- "(^|, )$option( |,|$)" || complain "kivtest.exe(1), $heading: lacks $option"
+        grep -qx -- "$option" "$scratch/completed" || complain "the completion of $* lacks $option"
+    done
+}
+
+same_options kiv_test/kiv_test_main.cpp OPTIONS
+same_options tests/kiv_test_gpio/kiv_test_gpio.cpp gpio -m gpio
+same_options tests/kiv_test_biostress/kiv_test_biostress.cpp biostress -m biostress
+same_options tests/kiv_test_events/kiv_test_events.cpp events -m events
+same_options tests/zol_test_cpu_bench/zol_test_cpu_bench.cpp cpubench -m cpubench
+
+# The tests and modules of the tool's own list.
+"$kivtest" -h | sed -n 's/^ \{11\}\([a-z0-9_]*\) *- .*/\1/p' > "$scratch/listed"
+grep -qx gpio "$scratch/listed" || complain "cannot read the tool's list"
+completed kivtest.exe -t '' > "$scratch/completed"
+while read -r name; do
+    section "(TESTS|$name)" | grep -qE "^\.(B|SS) $name$" || complain "kivtest.exe(1) lacks $name"
+    [ "$name" = kiv_config ] || # which is listed, but is none
+        grep -qx "$name" "$scratch/completed" || complain "the completion lacks $name"
+done < "$scratch/listed"
+
+# The commands of kivboard, and the options of its "run".
+{
+    sed -n 's/^    {"\([a-z]*\)", [0-9].*/\1/p' "$source/Board/requests.h"
+    sed -n '/run_option_table/,/;/p' "$source/Board/main.cpp" | grep -o '"--[a-z]*"' | tr -d '"'
+} > "$scratch/commands"
+grep -qx raise "$scratch/commands" || complain "cannot read kivboard's commands"
+grep -qx -- --bind "$scratch/commands" || complain "cannot read the options of kivboard run"
+{ completed kivboard ''; completed kivboard run ''; } > "$scratch/completed"
+while read -r word; do
+    plain kivboard.1 | grep -qE -- "^$word( |$)" || complain "kivboard(1) lacks $word"
+    grep -qx -- "$word" "$scratch/completed" || complain "the completion of kivboard lacks $word"
+done < "$scratch/commands"
+
+[ $failed -eq 0 ] && echo "$pages pages"

@@ -1,0 +1,107 @@
+# What is installed, and where. The components are those of the packages:
+#   runtime      the shared library
+#   development  what an application is built with, and its manual
+#   kivtest      the tool, for the board
+#   kivboard     the virtual board and zol_timing, for the desk: the board needs neither them nor FUSE
+
+include(CMakePackageConfigHelpers)
+
+set(zol_data ${CMAKE_INSTALL_DATADIR}/zol)
+set(zol_package ${CMAKE_INSTALL_LIBDIR}/cmake/zol)
+set(zol_generated ${PROJECT_BINARY_DIR}/install)
+
+# The library.
+install(TARGETS zol EXPORT zol_shared
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
+install(TARGETS zol_static EXPORT zol_static
+    ARCHIVE COMPONENT development)
+install(DIRECTORY Include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+
+# The CMake package. The static library asks for more than the shared one, so it is a component of its own.
+foreach(kind IN ITEMS shared static)
+    install(EXPORT zol_${kind} NAMESPACE zol:: DESTINATION ${zol_package} FILE zol-${kind}.cmake COMPONENT development)
+endforeach()
+configure_package_config_file(cmake/zol-config.cmake.in ${zol_generated}/zol-config.cmake
+    INSTALL_DESTINATION ${zol_package} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${zol_generated}/zol-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${zol_generated}/zol-config.cmake ${zol_generated}/zol-config-version.cmake
+    DESTINATION ${zol_package} COMPONENT development)
+
+# zol_install_configured(<file> <directory> <component>): installs a file in which @zol_prefix@ and its like stand for
+# where things are installed. That is known at the time of the installation: cmake --install --prefix may move it.
+function(zol_install_configured file directory component)
+    get_filename_component(source ${file} ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
+    get_filename_component(name ${file} NAME)
+    string(REGEX REPLACE "\\.in$" "" name ${name})
+    install(CODE "
+        set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+        set(PROJECT_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
+        set(zol_prefix \"\${CMAKE_INSTALL_PREFIX}\")
+        set(zol_datadir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}\")
+        set(zol_docdir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\")
+        set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+        set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+        configure_file(\"${source}\" \"${zol_generated}/${name}\" @ONLY)"
+        COMPONENT ${component})
+    install(FILES ${zol_generated}/${name} DESTINATION ${directory} COMPONENT ${component})
+endfunction()
+
+zol_install_configured(cmake/libzol.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig development)
+
+# The tools. Outside of the system's places the tool finds the library next to itself.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    file(RELATIVE_PATH zol_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(kivtest PROPERTIES INSTALL_RPATH "$ORIGIN/${zol_from_tool}")
+endif()
+install(TARGETS kivtest COMPONENT kivtest)
+install(TARGETS zol_timing COMPONENT kivboard)
+if(TARGET kivboard)
+    install(TARGETS kivboard COMPONENT kivboard)
+    install(FILES Conf/kiv_board.xml DESTINATION ${zol_data} COMPONENT kivboard)
+endif()
+
+# The tool's configuration and the tokens that it names; and an example for /etc/kiv, which is the administrator's:
+# nothing is ever installed there.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS Conf/kiv_test.xml)
+file(READ Conf/kiv_test.xml zol_configuration)
+string(REPLACE ">Conf/tokens<" ">@zol_datadir@/zol/tokens<" zol_configuration "${zol_configuration}")
+file(WRITE ${zol_generated}/kiv_test.xml.in "${zol_configuration}")
+zol_install_configured(${zol_generated}/kiv_test.xml.in ${zol_data} kivtest)
+install(DIRECTORY Conf/tokens DESTINATION ${zol_data} COMPONENT kivtest)
+install(FILES Conf/conf.xml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT runtime)
+
+# zol_completion(<component> <command>...)
+function(zol_completion component)
+    list(TRANSFORM ARGN PREPEND Tools/completion/)
+    install(FILES ${ARGN} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT ${component})
+endfunction()
+zol_completion(kivtest kivtest.exe)
+zol_completion(kivboard kivboard zol_timing)
+
+# zol_manual(<component> <page>...)
+function(zol_manual component)
+    foreach(page IN LISTS ARGN)
+        get_filename_component(section ${page} LAST_EXT)
+        string(SUBSTRING ${section} 1 -1 section)
+        zol_install_configured(Docs/man/${page} ${CMAKE_INSTALL_MANDIR}/man${section} ${component})
+    endforeach()
+endfunction()
+zol_manual(runtime kiv_conf.5)
+zol_manual(kivtest kivtest.exe.1)
+zol_manual(kivboard kivboard.1 zol_timing.1)
+
+# The pages on the library are made from the headers.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_Interpreter_FOUND)
+    file(GLOB zol_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/Include/zol/*.h)
+    set(zol_man3 ${zol_generated}/man3)
+    add_custom_command(OUTPUT ${zol_man3}/libzol.3
+        COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/Docs/man/from_headers.py
+            --version ${PROJECT_VERSION} ${zol_man3} ${zol_headers}
+        DEPENDS ${zol_headers} Docs/man/from_headers.py
+        COMMENT "Making the manual from the headers")
+    add_custom_target(manual ALL DEPENDS ${zol_man3}/libzol.3)
+    install(DIRECTORY ${zol_man3} DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+else()
+    message(STATUS "No Python 3: the manual pages of section 3 are not made")
+endif()

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/handover.h"
+#include "common/tsan.h"
 #include "common/unique_fd.h"
 #include "support/gpio_test.h"
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/handover.h"
+#include "common/tsan.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "system/on_board.h"

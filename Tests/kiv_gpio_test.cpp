@@ -1,7 +1,10 @@
 #include "zol/kiv_gpio.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
+#include <algorithm>
 #include <climits>
 #include <functional>
 #include <string>
@@ -331,20 +334,23 @@ TEST_F(Gpio, CountsThatCannotBeAreNoCalls)
     zol_test::set_debug_level(3);
     log_capture log;
     ASSERT_EQ(watch(17, calls), KIV_OK);
+    const auto lines = [&](const std::string &level, const std::string &beginning) {
+        const strings texts = log.texts(level);
+        return std::count_if(texts.begin(), texts.end(),
+                             [&](const std::string &text) { return text.starts_with(beginning); });
+    };
     const auto raise_as = [&](const std::string &text, const std::string &level, const std::string &said) {
-        const std::size_t before = log.count(level, said);
+        const auto before = lines(level, said);
         pins_.set_text(17, "irq", text);
         pins_.raise(17);
-        ASSERT_TRUE(zol_test::eventually([&] { return log.count(level, said) == before + 1; })) << text;
+        ASSERT_TRUE(zol_test::eventually([&] { return lines(level, said) == before + 1; })) << text;
     };
     for (const std::string bad : {"-3", "2147483648", "99999999999999999999999"}) {
         const std::string shown = bad.size() > 20 ? "9223372036854775807" : bad;
         const std::string said = "gpio 17 claims " + shown + " interrupts, which is not to be believed";
         raise_as(bad, "ERRR", said);
-        raise_as(bad, "ERRR", said);
-        for (const std::string none : {"0\n", "none"}) { // readable, so the pin is watched on
-            raise_as(none, "INF1", "IRQ=0 for gpio 17");
-        }
+        raise_as("none", "ERRR", "got no number from fd");
+        raise_as("0\n", "INF1", "IRQ=0 for gpio 17"); // not a third failure, so the pin is watched on
     }
     EXPECT_EQ(calls.count, 0);
     raise_as("31\n", "INF1", "IRQ=1f for gpio 17");
@@ -352,15 +358,83 @@ TEST_F(Gpio, CountsThatCannotBeAreNoCalls)
     EXPECT_EQ(log.texts("ERRR").size(), 6U);
 }
 
-TEST_F(Gpio, AStopDoesNotWaitForAHugeCount)
+TEST_F(Gpio, AHugeCountHoldsNobodyUpAndOutlastsAStop)
+{
+    calls calls;
+    request(17);
+    request(5);
+    ASSERT_EQ(watch(17, calls), KIV_OK);
+    pins_.raise(17, INT_MAX);
+    EXPECT_TRUE(zol_test::eventually([&] { return calls.count > 0; }));
+    EXPECT_EQ(kiv_gpio_set(5, 1), KIV_OK);
+    EXPECT_EQ(kiv_gpio_deinit(), KIV_OK);
+    const long at_the_stop = calls.count;
+    EXPECT_EQ(kiv_gpio_init(), KIV_OK);
+    EXPECT_TRUE(zol_test::eventually([&] { return calls.count > at_the_stop; }));
+    EXPECT_EQ(kiv_gpio_unregister_callback(17), KIV_OK);
+    const long at_the_end = calls.count;
+    EXPECT_EQ(kiv_gpio_free(5), KIV_OK); // a pass
+    EXPECT_EQ(calls.count, at_the_end);
+    EXPECT_LT(at_the_end, INT_MAX);
+    requested_.pop_back();
+}
+
+TEST_F(Gpio, ANodeThatWakesForNothingIsGivenUp)
 {
     calls calls;
     request(17);
     ASSERT_EQ(watch(17, calls), KIV_OK);
-    pins_.raise(17, INT_MAX);
-    EXPECT_TRUE(zol_test::eventually([&] { return calls.count > 0; }));
-    EXPECT_EQ(kiv_gpio_deinit(), KIV_OK);
-    EXPECT_LT(calls.count, INT_MAX);
+    pins_.set_text(17, "irq", "0\n");
+    log_capture log;
+    EXPECT_TRUE(zol_test::eventually([&] {
+        pins_.raise(17);
+        return log.has("ERRR", "gpio 17 keeps waking up for nothing and is no longer watched");
+    }));
+    EXPECT_EQ(calls.count, 0);
+    EXPECT_EQ(log.texts("ERRR").size(), 1U);
+}
+
+TEST_F(Gpio, CommandsAreServedWhilePollFailsForAllPins)
+{
+    calls calls;
+    for (const int gpio : {17, 5}) {
+        request(gpio);
+        ASSERT_EQ(watch(gpio, calls), KIV_OK);
+    }
+    rlimit former = {};
+    getrlimit(RLIMIT_NOFILE, &former);
+    const rlimit one = {1, former.rlim_max}; // fewer than a pin and the command pipe
+    log_capture log;
+    setrlimit(RLIMIT_NOFILE, &one);
+    const int32_t first = kiv_gpio_unregister_callback(17);
+    EXPECT_TRUE(zol_test::eventually([&] { return log.has("ERRR", "Error in poll, ret=0xffffffff"); }));
+    const int32_t second = kiv_gpio_unregister_callback(5);
+    setrlimit(RLIMIT_NOFILE, &former);
+    EXPECT_EQ(first, KIV_OK);
+    EXPECT_EQ(second, KIV_OK);
+    EXPECT_EQ(log.texts("ERRR").size(), 1U);
+    EXPECT_EQ(watch(5, calls), KIV_OK);
+    pins_.raise(5);
+    EXPECT_TRUE(calls.become(1));
+}
+
+TEST_F(Gpio, AForkedChildHasNoListener)
+{
+    request(17);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        calls calls;
+        const bool refused = kiv_gpio_free(17) == KIV_ERR_STATE && watch(17, calls) == KIV_ERR_STATE &&
+                             kiv_gpio_deinit() == KIV_ERR_STATE;
+        const bool starts = kiv_gpio_init() == KIV_OK && kiv_gpio_free(17) == KIV_OK;
+        _exit(refused && starts ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(kiv_gpio_free(17), KIV_OK) << "the parent's goes on";
+    requested_.clear();
 }
 
 TEST_F(Gpio, ANodeThatKeepsFailingIsGivenUp)

@@ -62,9 +62,8 @@ KIV_API void _kiv_block_print(int level, const char *format, ...) KIV_PRINTF_LIK
  * arguments are not evaluated.
  * @{
  */
-#define KIV_LOG_ERRR(...) KIV_LOG_CALL_(1, KIV_LOG_PREFIX_ERRR, __VA_ARGS__) /**< errors */
-#define KIV_LOG_PRNT(...)                                                                                    \
-    KIV_LOG_FROM_LEVEL_(2, KIV_LOG_PREFIX_PRNT, __VA_ARGS__) /**< progress and results */
+#define KIV_LOG_ERRR(...) KIV_LOG_CALL_(1, KIV_LOG_PREFIX_ERRR, __VA_ARGS__)       /**< errors */
+#define KIV_LOG_PRNT(...) KIV_LOG_FROM_LEVEL_(2, KIV_LOG_PREFIX_PRNT, __VA_ARGS__) /**< progress */
 #define KIV_LOG_INF1(...) KIV_LOG_FROM_LEVEL_(3, KIV_LOG_PREFIX_INF1, __VA_ARGS__) /**< detail */
 #define KIV_LOG_INF2(...) KIV_LOG_FROM_LEVEL_(4, KIV_LOG_PREFIX_INF2, __VA_ARGS__) /**< fine detail */
 /** @} */

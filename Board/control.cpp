@@ -200,8 +200,10 @@ void board_connection::print(std::size_t size, FILE *to)
 {
     do {
         const std::size_t ready = std::min(size, received_.size());
-        std::fwrite(received_.data(), 1, ready, to);
-        std::fflush(to);
+        if (std::fwrite(received_.data(), 1, ready, to) != ready || std::fflush(to) != 0) {
+            fd_.reset(); // what else comes has nowhere to go
+            return;
+        }
         received_.erase(0, ready);
         size -= ready;
     } while (size > 0 && receive());

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "board.h"
+#include "common/standard_streams.h"
 #include "requests.h"
 
 namespace
@@ -77,8 +78,8 @@ constexpr char usage_text[] =
     "check tells, by its exit status and one line, whether a board can run on this machine.\n"
     "\n"
     "Numbers are decimal, or hexadecimal with 0x. Exit status: that of COMMAND (128 + N when signal\n"
-    "N ended it), 1 for a refused request, 2 for a wrong usage or board file, 77 when a board cannot\n"
-    "run here.\n";
+    "N ended it), 1 for a refused request or output that can't be written, 2 for a wrong usage or\n"
+    "board file, 77 when a board cannot run here.\n";
 
 int usage_error(const std::string &what)
 {
@@ -441,11 +442,8 @@ constexpr struct {
 } commands[] = {{"run", command_run},     {"check", command_check}, {"-", command_requests},
                 {"--help", command_help}, {"-h", command_help},     {"--version", command_version}};
 
-} // namespace
-
-int main(int argc, char **argv)
+int run_command_line(const words &arguments)
 {
-    const words arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
     for (const auto &[name, run] : commands) {
         if (!arguments.empty() && arguments[0] == name) {
             return run(words(arguments.begin() + 1, arguments.end()));
@@ -457,4 +455,13 @@ int main(int argc, char **argv)
         return command_request(*form, words(arguments.begin() + 1, arguments.end()));
     }
     return usage_error(arguments.empty() ? "a command is needed" : "there is no command " + arguments[0]);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    kiv::keep_standard_descriptors();
+    const words arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+    return kiv::after_output("kivboard", run_command_line(arguments));
 }

@@ -3,8 +3,8 @@
  * thread waits for readings and for the button on pin 17, which ends the program. When the sensor was read,
  * and when it was not to be read, is in a timing log.
  *
- *     kivboard run -- sh -c 'sensor_logger & sleep 1; kivboard raise 17; wait; zol_timing
- * /var/log/zol/sensor.csv'
+ *     kivboard run -- sh -c \
+ *         'sensor_logger & sleep 1; kivboard raise 17; wait; zol_timing /var/log/zol/sensor.csv'
  */
 #include <array>
 #include <chrono>

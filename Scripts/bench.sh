@@ -46,6 +46,12 @@ case ${1:-} in
     exit 0
     ;;
 esac
+for option in "$@"; do
+    [[ $option == --benchmark_* ]] || {
+        usage >&2
+        exit 2
+    }
+done
 
 say "Measuring libzol: a minute or two"
 install_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev libpugixml-dev libasio-dev libuv1-dev libzmq3-dev valgrind binutils

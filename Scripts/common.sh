@@ -16,17 +16,58 @@ fail() {
     exit 1
 }
 
+# count_seconds LABEL: shows on the terminal how long a step has taken, until it is killed or the script is gone.
+count_seconds() {
+    local begun=$SECONDS
+    while sleep 1 && kill -0 $$; do
+        printf '\r- %s (%d s)' "$1" $((SECONDS - begun))
+    done
+}
+
+# in_progress LABEL COMMAND...: announces a command and runs it. Gives its status; what it prints goes elsewhere.
+in_progress() {
+    local label=$1 counter status=0
+    shift
+    if [ ! -t 1 ]; then
+        say "- $label"
+        "$@"
+        return
+    fi
+    printf -- '- %s' "$label"
+    count_seconds "$label" 2> /dev/null &
+    counter=$!
+    "$@" || status=$?
+    kill $counter
+    wait $counter 2> /dev/null || true
+    say ""
+    return $status
+}
+
 # quietly LABEL COMMAND...: runs a command with its output in a file, which is shown only when it fails.
 quietly() {
     local label=$1
+    local log="$logs/${label//[^a-zA-Z0-9]/-}.log"
     shift
     mkdir -p "$logs"
-    local log="$logs/${label//[^a-zA-Z0-9]/-}.log"
-    say "- $label"
-    if ! "$@" > "$log" 2>&1; then
+    if ! in_progress "$label" to_file "$log" "$@"; then
         cat "$log" >&2
         fail "$label failed (the output above is in $log)"
     fi
+}
+
+to_file() {
+    local file=$1
+    shift
+    "$@" > "$file" 2>&1
+}
+
+# check_preset NAME: a preset that there is not is a wrong usage.
+check_preset() {
+    grep -q "^ *\"name\": \"$1\",\$" CMakePresets.json || {
+        say "there is no preset $1" >&2
+        usage >&2
+        exit 2
+    }
 }
 
 as_root() {

@@ -149,7 +149,15 @@ case ${1:-} in # how it calls itself
     await
     exit
     ;;
+-h | --help)
+    echo "The first program on the emulated board that Scripts/arm.sh board boots. It runs nowhere else."
+    exit
+    ;;
 esac
+[ $$ -eq 1 ] || { # it would end the machine that it runs on
+    echo "on_board: it is for the emulated board; see Scripts/arm.sh --help" >&2
+    exit 2
+}
 if bring_up; then
     run_steps
     weigh

@@ -139,6 +139,7 @@ case ${1:-} in
 esac
 readonly preset=${1:-release}
 [ $# -eq 0 ] || shift
+check_preset "$preset"
 readonly build=build/package-$preset
 
 say "Packages of libzol: $preset"

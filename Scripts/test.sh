@@ -47,8 +47,7 @@ build_preset() {
 run_tests() {
     local preset=$1 report="$PWD/$logs/test-$1.xml" log="$logs/test-$1.log"
     rm -f "$report"
-    say "- testing $preset"
-    ctest --preset "$preset" --output-junit "$report" > "$log" 2>&1 || true
+    in_progress "testing $preset" to_file "$log" ctest --preset "$preset" --output-junit "$report" || true
     [ -s "$report" ] || { cat "$log" >&2; fail "the tests of $preset did not run"; }
     if [ "$(count failures "$report")" -gt 0 ]; then
         cat "$log"
@@ -71,6 +70,9 @@ case ${1:-} in
     ;;
 esac
 [ $# -gt 0 ] || set -- "${default_presets[@]}"
+for preset in "$@"; do
+    check_preset "$preset"
+done
 
 say "Building libzol and running all of its tests: $*"
 install_packages "${build_packages[@]}" libgtest-dev groff-base

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/standard_streams.h"
 #include "timing_trace.h"
 
 namespace
@@ -86,20 +87,26 @@ int convert(options with)
     return pictured && dumped ? 0 : 1;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run_command_line(const std::vector<std::string> &words)
 {
-    const std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
-    if (words.size() == 1 && (words[0] == "--help" || words[0] == "-h")) {
+    if (!words.empty() && (words[0] == "--help" || words[0] == "-h")) {
         std::fputs(usage_text, stdout);
         return 0;
     }
-    if (words.size() == 1 && words[0] == "--version") {
+    if (!words.empty() && words[0] == "--version") {
         std::puts("zol_timing " ZOL_TIMING_VERSION);
         return 0;
     }
     options with;
     const std::string mistake = parse(words, with);
     return mistake.empty() ? convert(with) : usage_error(mistake);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    kiv::keep_standard_descriptors();
+    const std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
+    return kiv::after_output("zol_timing", run_command_line(words));
 }

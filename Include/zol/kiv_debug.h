@@ -41,10 +41,10 @@ extern KIV_API uint32_t g_debugLevel;
 #define KIV_DEBUG_LEVEL_ALL 10
 
 /** What each level's message format begins with. The two conversions take the function name and the line. */
-#define KIV_LOG_PREFIX_ERRR "\033[31m[ERRR][   KIV   ]%35s %4d : \033[0m"
-#define KIV_LOG_PREFIX_PRNT "\033[32m[PRNT][   KIV   ]%35s %4d : \033[0m"
-#define KIV_LOG_PREFIX_INF1 "\033[32m[INF1][   KIV   ]%35s %4d : \033[0m"
-#define KIV_LOG_PREFIX_INF2 "\033[32m[INF2][   KIV   ]%35s %4d : \033[0m"
+#define KIV_LOG_PREFIX_ERRR "\033[31m[ERRR][   KIV   ]%35s %4d : \033[0m" /**< level 1 */
+#define KIV_LOG_PREFIX_PRNT "\033[32m[PRNT][   KIV   ]%35s %4d : \033[0m" /**< level 2 */
+#define KIV_LOG_PREFIX_INF1 "\033[32m[INF1][   KIV   ]%35s %4d : \033[0m" /**< level 3 */
+#define KIV_LOG_PREFIX_INF2 "\033[32m[INF2][   KIV   ]%35s %4d : \033[0m" /**< level 4 */
 
 /**
  * Writes one message: to standard output if @p level is at most g_debugLevel, and to standard error if it is
@@ -62,10 +62,10 @@ KIV_API void _kiv_block_print(int level, const char *format, ...) KIV_PRINTF_LIK
  * arguments are not evaluated.
  * @{
  */
-#define KIV_LOG_ERRR(...) KIV_LOG_CALL_(1, KIV_LOG_PREFIX_ERRR, __VA_ARGS__)
-#define KIV_LOG_PRNT(...) KIV_LOG_FROM_LEVEL_(2, KIV_LOG_PREFIX_PRNT, __VA_ARGS__)
-#define KIV_LOG_INF1(...) KIV_LOG_FROM_LEVEL_(3, KIV_LOG_PREFIX_INF1, __VA_ARGS__)
-#define KIV_LOG_INF2(...) KIV_LOG_FROM_LEVEL_(4, KIV_LOG_PREFIX_INF2, __VA_ARGS__)
+#define KIV_LOG_ERRR(...) KIV_LOG_CALL_(1, KIV_LOG_PREFIX_ERRR, __VA_ARGS__)       /**< errors */
+#define KIV_LOG_PRNT(...) KIV_LOG_FROM_LEVEL_(2, KIV_LOG_PREFIX_PRNT, __VA_ARGS__) /**< progress */
+#define KIV_LOG_INF1(...) KIV_LOG_FROM_LEVEL_(3, KIV_LOG_PREFIX_INF1, __VA_ARGS__) /**< detail */
+#define KIV_LOG_INF2(...) KIV_LOG_FROM_LEVEL_(4, KIV_LOG_PREFIX_INF2, __VA_ARGS__) /**< fine detail */
 /** @} */
 
 /** What a failed KIV_ASSERT names as its source. The build of a module may define something shorter. */

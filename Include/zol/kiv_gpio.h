@@ -57,20 +57,29 @@
 
 KIV_EXTERN_C_BEGIN
 
-/** @name What raises an interrupt: level_edge of kiv_gpio_register_callback(). @{ */
-#define KIV_GPIO_LEVEL 1
-#define KIV_GPIO_EDGE  2
+/**
+ * @name What raises an interrupt: level_edge of kiv_gpio_register_callback().
+ * @{
+ */
+#define KIV_GPIO_LEVEL 1 /**< a level that lasts */
+#define KIV_GPIO_EDGE  2 /**< a change of the level */
 /** @} */
 
-/** @name Which edge: edge_cfg. 0 where the level counts. @{ */
-#define KIV_GPIO_EDGE_RISING  1
-#define KIV_GPIO_EDGE_FALLING 2
-#define KIV_GPIO_EDGE_BOTH    3
+/**
+ * @name Which edge: edge_cfg. 0 where the level counts.
+ * @{
+ */
+#define KIV_GPIO_EDGE_RISING  1 /**< from low to high */
+#define KIV_GPIO_EDGE_FALLING 2 /**< from high to low */
+#define KIV_GPIO_EDGE_BOTH    3 /**< either */
 /** @} */
 
-/** @name Which level: level_cfg. 0 where the edge counts. @{ */
-#define KIV_GPIO_LEVEL_LOW  0
-#define KIV_GPIO_LEVEL_HIGH 1
+/**
+ * @name Which level: level_cfg. 0 where the edge counts.
+ * @{
+ */
+#define KIV_GPIO_LEVEL_LOW  0 /**< low */
+#define KIV_GPIO_LEVEL_HIGH 1 /**< high */
 /** @} */
 
 /**

@@ -77,8 +77,10 @@ KIV_API int32_t kiv_i2c_close(kiv_i2c_handle *handle);
  * @retval KIV_ERR_INVALID_PARAM  @p handle or @p out is null.
  * @{
  */
-KIV_API int32_t kiv_i2c_read_reg8(kiv_i2c_handle *handle, uint8_t reg, int32_t count, uint8_t *out);
-KIV_API int32_t kiv_i2c_read_reg16(kiv_i2c_handle *handle, uint16_t reg, int32_t count, uint8_t *out);
+KIV_API int32_t kiv_i2c_read_reg8(kiv_i2c_handle *handle, uint8_t reg, int32_t count,
+                                  uint8_t *out); /**< with an 8-bit register address */
+KIV_API int32_t kiv_i2c_read_reg16(kiv_i2c_handle *handle, uint16_t reg, int32_t count,
+                                   uint8_t *out); /**< with a 16-bit register address */
 /** @} */
 
 /**
@@ -95,9 +97,9 @@ KIV_API int32_t kiv_i2c_read_reg16(kiv_i2c_handle *handle, uint16_t reg, int32_t
  * @{
  */
 KIV_API int32_t kiv_i2c_write_reg8(kiv_i2c_handle *handle, uint8_t reg, uint32_t count,
-                                   const uint8_t *values);
+                                   const uint8_t *values); /**< with an 8-bit register address */
 KIV_API int32_t kiv_i2c_write_reg16(kiv_i2c_handle *handle, uint16_t reg, uint32_t count,
-                                    const uint8_t *values);
+                                    const uint8_t *values); /**< with a 16-bit register address */
 /** @} */
 
 KIV_EXTERN_C_END

@@ -105,14 +105,14 @@ KIV_API int kiv_test_main(int argc, char **argv);
  * The tool's own tests; the parameters of the I2C tests come from g_params. 1 passed, 0 failed.
  * @{
  */
-KIV_API int _test_kiv_i2c_read(int is16);
-KIV_API int _test_kiv_i2c_write(int is16);
-KIV_API int _test_kiv_thread(int argc, char **argv, unsigned testFlags);
-KIV_API int _kiv_test_biostress(int argc, char **argv, unsigned testFlags);
-KIV_API int _zol_test_cpubench(int argc, char **argv, unsigned testFlags);
-KIV_API int _kiv_test_tokens(int argc, char **argv, unsigned testFlags);
-KIV_API int test_gpio(int argc, char **argv, unsigned testFlags);
-KIV_API int test_events(int argc, char **argv, unsigned testFlags);
+KIV_API int _test_kiv_i2c_read(int is16);                                   /**< read_i2c, read_i2c16 */
+KIV_API int _test_kiv_i2c_write(int is16);                                  /**< write_i2c, write_i2c16 */
+KIV_API int _test_kiv_thread(int argc, char **argv, unsigned testFlags);    /**< kiv_thread */
+KIV_API int _kiv_test_biostress(int argc, char **argv, unsigned testFlags); /**< biostress */
+KIV_API int _zol_test_cpubench(int argc, char **argv, unsigned testFlags);  /**< cpubench */
+KIV_API int _kiv_test_tokens(int argc, char **argv, unsigned testFlags);    /**< kiv_tokens */
+KIV_API int test_gpio(int argc, char **argv, unsigned testFlags);           /**< gpio */
+KIV_API int test_events(int argc, char **argv, unsigned testFlags);         /**< events */
 /** @} */
 
 KIV_EXTERN_C_END

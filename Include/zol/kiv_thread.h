@@ -84,11 +84,11 @@ typedef struct kiv_thread_params {
 
 /** A worker. Begins with its parameters. */
 struct kiv_thread {
-    char name[64];
-    uint32_t priority;
-    kiv_thread_handler handler;
-    int32_t timeout;
-    void *userData;
+    char name[64];                 /**< this and the next four: see kiv_thread_params */
+    uint32_t priority;             /**< as there */
+    kiv_thread_handler handler;    /**< as there */
+    int32_t timeout;               /**< as there */
+    void *userData;                /**< as there */
     struct _GThread *gthread;      /**< the thread, from start until it is joined; null otherwise */
     struct _GAsyncQueue *msgQueue; /**< the queue, from create until delete */
     int32_t running;               /**< see kiv_thread_isRunning() */

@@ -36,8 +36,8 @@ struct _GAsyncQueue;
 
 /** What an event does to its lane: the values of kiv_tl(). */
 #define KIV_TL_PULSE 0 /**< shows high for an instant; the level stays */
-#define KIV_TL_LOW   1
-#define KIV_TL_HIGH  2
+#define KIV_TL_LOW   1 /**< low from now on */
+#define KIV_TL_HIGH  2 /**< high from now on */
 
 /** A lane. The map is an array of these, ended by an event_id of -1; it must stay until kiv_tl_deinit()
  * returns. */
@@ -50,21 +50,21 @@ typedef struct kiv_tl_map_entry {
 
 /** An event on its way to the writer. */
 typedef struct kiv_tl_msg {
-    int32_t event_id;
-    int32_t value;
-    struct timeval stamp;
-    char note[128]; /**< travels with the event; not written to the file */
+    int32_t event_id;     /**< which lane */
+    int32_t value;        /**< what it does there */
+    struct timeval stamp; /**< when it was logged */
+    char note[128];       /**< travels with the event; not written to the file */
 } kiv_tl_msg;
 
 /** A log. All of it is the module's. */
 typedef struct kiv_tl_ctx {
-    FILE *fp;
-    struct _GThread *message_thread;
-    struct _GAsyncQueue *available_msgs_queue;
-    struct _GAsyncQueue *pending_msgs_queue;
-    kiv_tl_map_entry *map;
-    char file_name[128];
-    struct timeval start_time;
+    FILE *fp;                                  /**< the file */
+    struct _GThread *message_thread;           /**< the writer */
+    struct _GAsyncQueue *available_msgs_queue; /**< records that are free */
+    struct _GAsyncQueue *pending_msgs_queue;   /**< records to be written */
+    kiv_tl_map_entry *map;                     /**< the caller's lanes */
+    char file_name[128];                       /**< path of the file */
+    struct timeval start_time;                 /**< the times in the file count from here */
 } kiv_tl_ctx;
 
 /**

@@ -103,7 +103,9 @@ public:
 
 /// The library lock, for std::scoped_lock.
 struct library_mutex {
+    /// kiv_lock().
     void lock() noexcept { kiv_lock(); }
+    /// kiv_unlock().
     void unlock() noexcept { kiv_unlock(); }
 };
 
@@ -121,27 +123,34 @@ class i2c_device : public detail::owned<kiv_i2c_handle, detail::close_device>
 public:
     using owned::owned;
 
+    /// Nothing is sent: whether the device answers shows with the first transfer.
     static result<i2c_device> open(std::int32_t bus, std::uint16_t address) noexcept
     {
         kiv_i2c_handle handle = {};
         return detail::made<i2c_device>(kiv_i2c_open(&handle, bus, address), handle);
     }
 
-    /// @name Reading, with an 8- or a 16-bit register address: one byte, or as many as @p out has, at most
-    /// 65535. @{
+    /// @name Reading
+    /// With an 8- or a 16-bit register address: one byte, or as many as the span has, at most 65535.
+    /// @{
+
+    /// Fills @p out.
     result<> read_reg8(std::uint8_t reg, std::span<std::uint8_t> out) noexcept
     {
         return transfer(kiv_i2c_read_reg8, reg, out);
     }
+    /// Fills @p out.
     result<> read_reg16(std::uint16_t reg, std::span<std::uint8_t> out) noexcept
     {
         return transfer(kiv_i2c_read_reg16, reg, out);
     }
+    /// Reads one byte.
     result<std::uint8_t> read_reg8(std::uint8_t reg) noexcept
     {
         std::uint8_t value = 0;
         return detail::made<std::uint8_t>(kiv_i2c_read_reg8(get(), reg, 1, &value), value);
     }
+    /// Reads one byte.
     result<std::uint8_t> read_reg16(std::uint16_t reg) noexcept
     {
         std::uint8_t value = 0;
@@ -149,19 +158,26 @@ public:
     }
     /// @}
 
-    /// @name Writing: one byte, or several to the same register, at most 65535. @{
+    /// @name Writing
+    /// One byte, or several to the same register, at most 65535.
+    /// @{
+
+    /// Writes them one after another.
     result<> write_reg8(std::uint8_t reg, std::span<const std::uint8_t> values) noexcept
     {
         return transfer(kiv_i2c_write_reg8, reg, values);
     }
+    /// Writes them one after another.
     result<> write_reg16(std::uint16_t reg, std::span<const std::uint8_t> values) noexcept
     {
         return transfer(kiv_i2c_write_reg16, reg, values);
     }
+    /// Writes one byte.
     result<> write_reg8(std::uint8_t reg, std::uint8_t value) noexcept
     {
         return result<>(kiv_i2c_write_reg8(get(), reg, 1, &value));
     }
+    /// Writes one byte.
     result<> write_reg16(std::uint16_t reg, std::uint8_t value) noexcept
     {
         return result<>(kiv_i2c_write_reg16(get(), reg, 1, &value));
@@ -197,12 +213,15 @@ class pin : public detail::owned<int, detail::free_pin>
 public:
     using owned::owned;
 
+    /// Allocates a pin.
     static result<pin> request(int number, const char *name) noexcept
     {
         return detail::made<pin>(kiv_gpio_request(number, name), number);
     }
 
+    /// Drives it: high for anything but 0.
     result<> set_level(int level) noexcept { return result<>(kiv_gpio_set(number(), level)); }
+    /// 1 or 0; 0 as well where the level could not be read, which the log says.
     result<int> level() const noexcept
     {
         int level = 0;
@@ -220,6 +239,7 @@ public:
             when == trigger::high ? KIV_GPIO_LEVEL_HIGH : KIV_GPIO_LEVEL_LOW, on_interrupt<F>,
             reinterpret_cast<std::uintptr_t>(std::addressof(callback))));
     }
+    /// Takes the callback away; it does not run again once this has returned.
     result<> unwatch() noexcept { return result<>(kiv_gpio_unregister_callback(number())); }
 
     /// -1 when empty.
@@ -266,11 +286,16 @@ public:
 class received
 {
 public:
+    /// Refers to the message.
     explicit received(const kiv_message &message) noexcept : message_(message) {}
 
+    /// What it means.
     [[nodiscard]] std::int32_t id() const noexcept { return message_.msgId; }
+    /// No message came in time.
     [[nodiscard]] bool is_timeout() const noexcept { return id() == KIV_MSG_ID_TIMEOUT; }
+    /// The worker's last.
     [[nodiscard]] bool is_exit() const noexcept { return id() == KIV_MSG_ID_EXIT; }
+    /// What the sender put into it; good until the handler returns.
     [[nodiscard]] bytes payload() const noexcept
     {
         return {reinterpret_cast<const std::byte *>(&message_ + 1), message_.sizeBytes - sizeof message_};
@@ -326,6 +351,7 @@ public:
 
     /// Ends the worker before this goes.
     result<> stop() noexcept { return result<>(kiv_thread_stop(get())); }
+    /// Whether it takes messages: from its start until it ends.
     [[nodiscard]] bool is_running() const noexcept { return kiv_thread_isRunning(get()) != 0; }
 
 private:
@@ -355,6 +381,7 @@ class event_group : public detail::pointer<kiv_event_group, kiv_events_delete_gr
 public:
     using unique_ptr::unique_ptr;
 
+    /// Makes an empty group.
     static result<event_group> create(const char *name) noexcept
     {
         kiv_event_group *group = nullptr;
@@ -390,6 +417,8 @@ public:
         return result<>(kiv_events_set_enable_event(get(), on ? 1 : 0));
     }
 
+    /// Sends a payload; waits while the event's pipe is full.
+    /// @param user_arg  For the event's callback only.
     result<> notify(bytes payload = {}, std::uint32_t user_arg = 0) const noexcept
     {
         const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(payload.size(), UINT32_MAX));
@@ -406,12 +435,14 @@ inline result<int> event_descriptor(const char *name) noexcept
 
 /// One of the events to wait for. The name and the room for its payload stay yours.
 struct wait_entry : kiv_event_wait_entry {
+    /// @param room  Where the payload goes.
     explicit wait_entry(const char *name, std::span<std::byte> room = {}) noexcept
         : kiv_event_wait_entry{name, 0, room.data(),
                                static_cast<std::uint32_t>(std::min<std::size_t>(room.size(), UINT32_MAX)), 0}
     {
     }
 
+    /// Whether the last wait has taken a record of it.
     [[nodiscard]] bool has_fired() const noexcept { return fired != 0; }
     /// What came, cut to the room.
     [[nodiscard]] bytes payload() const noexcept
@@ -447,6 +478,7 @@ inline result<> wait_for(std::span<wait_entry> entries, time_limit limit = no_li
     } while (status == KIV_ERR_TIMEOUT && ms > 0);
     return result<>(status);
 }
+/// The same for one event.
 inline result<> wait_for(wait_entry &entry, time_limit limit = no_limit) noexcept
 {
     return wait_for(std::span(&entry, 1), limit);
@@ -454,8 +486,8 @@ inline result<> wait_for(wait_entry &entry, time_limit limit = no_limit) noexcep
 
 /// A lane of a timing log.
 struct lane {
-    std::int32_t id;
-    const char *label;
+    std::int32_t id;   ///< yours, unique; -1, -2 and -3 are taken
+    const char *label; ///< title of the column
 };
 
 /// The lanes of one timing log, declared before it.
@@ -463,6 +495,7 @@ template <std::size_t N>
 class lane_map
 {
 public:
+    /// Copies the lanes; their labels stay yours.
     explicit lane_map(const lane (&lanes)[N]) noexcept
     {
         std::ranges::transform(lanes, entries_.begin(), [](const lane &from) {
@@ -473,6 +506,7 @@ public:
     lane_map(const lane_map &) = delete;
     lane_map &operator=(const lane_map &) = delete;
 
+    /// The map as the C interface takes it.
     [[nodiscard]] kiv_tl_map_entry *get() noexcept { return entries_.data(); }
 
 private:
@@ -503,14 +537,18 @@ public:
         return opened ? result(std::move(opened)) : error::open;
     }
 
+    /// Shows the lane high for an instant.
     void pulse(std::int32_t id) const noexcept { put(get(), id, KIV_TL_PULSE); }
+    /// The lane is high from now on.
     void high(std::int32_t id) const noexcept { put(get(), id, KIV_TL_HIGH); }
+    /// The lane is low from now on.
     void low(std::int32_t id) const noexcept { put(get(), id, KIV_TL_LOW); }
 
     /// Keeps a lane high as long as it lives.
     class [[nodiscard]] mark
     {
     public:
+        /// See during().
         mark(kiv_tl_ctx *log, std::int32_t id) noexcept : log_(log), id_(id) { put(log_, id_, KIV_TL_HIGH); }
         ~mark() { put(log_, id_, KIV_TL_LOW); }
         mark(const mark &) = delete;
@@ -520,6 +558,7 @@ public:
         kiv_tl_ctx *log_;
         std::int32_t id_;
     };
+    /// The lane is high as long as what this returns lives.
     mark during(std::int32_t id) const noexcept { return {get(), id}; }
 
 private:

@@ -22,6 +22,7 @@
 
 #include "zol/kiv_status.h"
 
+/// libzol for C++20; see zol.hpp.
 namespace zol
 {
 
@@ -104,6 +105,7 @@ inline const std::error_category &error_category() noexcept
     return instance;
 }
 
+/// How the standard library makes a code of an error.
 inline std::error_code make_error_code(error status) noexcept
 {
     return {static_cast<int>(status), error_category()};
@@ -121,14 +123,28 @@ template <typename T = void>
 class [[nodiscard]] result
 {
 public:
+    /// Success.
     result(T value) noexcept : value_(std::move(value)) {}
+    /// Failure.
     result(zol::error error) noexcept : error_(error) {}
 
+    /// Whether there is a value.
     explicit operator bool() const noexcept { return value_.has_value(); }
+    /// @name The value
+    /// Where there is one.
+    /// @{
+
+    /// By reference.
     T &operator*() noexcept { return *value_; }
+    /// By reference.
     const T &operator*() const noexcept { return *value_; }
+    /// Its members.
     T *operator->() noexcept { return &*value_; }
+    /// Its members.
     const T *operator->() const noexcept { return &*value_; }
+    /// @}
+
+    /// Why there is no value; 0 where there is one.
     [[nodiscard]] std::error_code error() const noexcept { return error_; }
 
 private:
@@ -141,10 +157,14 @@ template <>
 class [[nodiscard]] result<void>
 {
 public:
+    /// error::none is success.
     result(zol::error error) noexcept : error_(error) {}
+    /// From a status of the C interface.
     explicit result(std::int32_t status) noexcept : error_(static_cast<zol::error>(status)) {}
 
+    /// Whether it succeeded.
     explicit operator bool() const noexcept { return error_ == zol::error::none; }
+    /// Why it failed; 0 where it did not.
     [[nodiscard]] std::error_code error() const noexcept { return error_; }
 
 private:
@@ -168,6 +188,7 @@ template <plain T>
         return std::span<std::byte>(std::as_writable_bytes(std::span(&value, 1)));
     }
 }
+/// The bytes of a text, without an end.
 [[nodiscard]] inline bytes bytes_of(std::string_view text) noexcept
 {
     return std::as_bytes(std::span(text));
@@ -188,6 +209,7 @@ template <plain T>
 class time_limit
 {
 public:
+    /// Microseconds count, rounded up; what is longer than 285 years has no limit.
     template <typename Rep, typename Period>
     constexpr time_limit(std::chrono::duration<Rep, Period> limit) noexcept
         : us_(limit <= limit.zero() ? 0
@@ -197,7 +219,9 @@ public:
     {
     }
 
+    /// Whether there is a limit.
     [[nodiscard]] constexpr bool is_limited() const noexcept { return us_ != unlimited; }
+    /// The limit.
     [[nodiscard]] constexpr std::int64_t microseconds() const noexcept { return us_; }
 
 private:
@@ -205,6 +229,7 @@ private:
     std::int64_t us_;
 };
 
+/// Waits for ever.
 inline constexpr time_limit no_limit{std::chrono::hours::max()};
 
 namespace detail

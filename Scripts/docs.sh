@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Makes the reference as a site. See --help.
+
+# shellcheck source=Scripts/common.sh
+source "$(dirname "$0")/common.sh"
+
+readonly site=build/docs/html
+
+usage() {
+    cat << END
+usage: Scripts/docs.sh
+
+Installs Doxygen if it is missing, and makes a site of the README, the documents, the examples
+and every public name of the headers: $site/index.html. A public name without a comment and
+a reference that leads nowhere are errors. Exit status 0 when the site is complete, 1 when it is
+not, 75 when the package mirror could not deliver.
+END
+}
+
+# describe_examples: a page for each example, the comment at its head above its code.
+describe_examples() {
+    local example name
+    mkdir build/docs/examples
+    for example in Examples/*.c Examples/*.cpp; do
+        name=$(basename "$example")
+        printf '/**\n * @example %s\n * @details\n' "$name"
+        sed -n '2,/^ \*\/$/p' "$example"
+        sed '1,/^ \*\/$/d' "$example" > "build/docs/examples/$name"
+    done > build/docs/examples.dox
+}
+
+make_site() {
+    rm -rf build/docs
+    mkdir -p build/docs
+    describe_examples
+    ZOL_VERSION=$(sed -n 's/^project(zol VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt) doxygen Docs/Doxyfile
+}
+
+case ${1:-} in
+"") ;;
+-h | --help)
+    usage
+    exit 0
+    ;;
+*)
+    usage >&2
+    exit 2
+    ;;
+esac
+
+say "The reference of libzol as a site"
+install_packages doxygen
+quietly "making the site" make_site
+say "docs: $(find $site -maxdepth 1 -name '*.html' | wc -l) pages, all public names described: $PWD/$site/index.html"

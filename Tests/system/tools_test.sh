@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# How the commands that a person types behave: help and version on standard output, a wrong usage on standard error,
+# an honest status when the output cannot be written, and no colour.
+# usage: tools_test.sh SOURCE_DIRECTORY ZOL_TIMING KIVBOARD
+# shellcheck disable=SC2317 # functions that are called by name
+set -u
+
+scripts=$1/Scripts timing=$2 board=$3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+export TERM=xterm KIVBOARD_SOCKET=$scratch/socket
+failed=0 cases=0
+
+# expect STATUS STREAM COMMAND...: it ends so (a "+" is any failure) and writes to that standard stream ("out" or
+# "err") alone, without colour; to neither is "-", and "any" does not look.
+expect() {
+    local wanted=$1 stream=$2 status=0 written=
+    shift 2
+    cases=$((cases + 1))
+    "$@" > "$scratch/out" 2> "$scratch/err" < /dev/null || status=$?
+    for each in out err; do
+        [ ! -s "$scratch/$each" ] || written+=$each
+    done
+    if [ "$wanted" = + ] && [ $status -ne 0 ]; then wanted=$status; fi
+    if [ "$stream" = any ]; then stream=$written; fi
+    if [ "$status" != "$wanted" ] || [ "${written:--}" != "$stream" ] ||
+        grep -q $'\033' "$scratch/out" "$scratch/err"; then
+        echo "$*: ended with $status and wrote to '$written', not with $wanted to '$stream'"
+        failed=1
+    fi
+}
+
+full() { "$@" > /dev/full; }
+closed() { "$@" >&-; }
+
+for command in "$scripts"/*.sh "$timing" "$board"; do
+    [ "${command##*/}" != common.sh ] || continue # it is part of the others
+    expect 0 out "$command" --help
+    expect 0 out "$command" -h
+    expect 2 err "$command" --no-such-option
+    expect + any full "$command" --help
+    expect + any closed "$command" --help
+done
+for preset_script in test package; do
+    expect 2 err "$scripts/$preset_script.sh" no_such_preset
+done
+for tool in "$timing" "$board"; do
+    expect 0 out "$tool" --version
+    expect 1 err full "$tool" --version
+    expect 2 err "$tool"
+done
+
+printf 'time,rx,delta since last event,\n0.000000,0,,\n' > "$scratch/log.csv"
+expect 0 - "$timing" "$scratch/log.csv"
+expect 0 - closed "$timing" "$scratch/log.csv" --svg "$scratch/log.svg"
+expect 1 err "$timing" "$scratch/log.csv" --vcd /dev/full
+expect 2 err "$timing" "$scratch/log.csv" --svg
+
+if "$board" check 2> /dev/null; then
+    conversation() { (cd "$scripts/.." && "$board" run -- bash -c "$@"); }
+    expect 1 err conversation "'$board' peek 4 0x18 0x0f > /dev/full"
+    expect 1 err conversation "'$board' peek 4 0x18 0x0f >&-"
+    expect 1 err conversation "'$board' poke 4 0x18 0x20 1; '$board' journal --follow > /dev/full"
+    expect 1 err conversation "echo peek 4 0x18 0x0f | '$board' - > /dev/full"
+    expect 2 err "$board" peek 4
+fi
+echo "$cases cases"
+exit $failed

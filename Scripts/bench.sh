@@ -19,7 +19,7 @@ END
 
 # How many instructions the operation executes in all, COUNT times.
 collected() {
-    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$bin/zol_repeat" "$1" "$2" 2>&1 |
+    valgrind --tool=callgrind --callgrind-out-file="$logs/callgrind.out" "$bin/zol_repeat" "$1" "$2" 2>&1 |
         sed -n 's/.*Collected : //p'
 }
 

@@ -32,7 +32,7 @@ make_root() {
         as_root apt-get -qq update && package_sources "$arch" "$labels" > "$logs/sources"
     }
     as_root mmdebstrap --architectures="$arch" --aptopt='Acquire::Retries "3"' --format=null "$@" \
-        "$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)" /dev/null - < "$logs/sources"
+        "$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)" - - < "$logs/sources"
 }
 
 # in_root ARCHITECTURE LABEL-PATTERN MMDEBSTRAP-OPTION...: makes a root file system and drops it; what counts are the

@@ -246,16 +246,12 @@ TEST_F(Config, EveryFailureOnTheWayIsReported)
     EXPECT_EQ(chosen.failures, 3) << "stat, the script and the parser";
 }
 
-class Xml : public testing::Test
+_xmlDoc *parse(const std::string &xml)
 {
-protected:
-    static _xmlDoc *parse(const std::string &xml)
-    {
-        return kiv_xml_allocate(xml.data(), static_cast<int>(xml.size()));
-    }
-};
+    return kiv_xml_allocate(xml.data(), static_cast<int>(xml.size()));
+}
 
-TEST_F(Xml, ContentOfTheFirstChildWithText)
+TEST(Xml, ContentOfTheFirstChildWithText)
 {
     _xmlDoc *const doc =
         parse("<root>\n  <a>\n  <i/>first<i/>second</a><b>  </b><c><!--12--></c><n>42 rest</n></root>");
@@ -278,10 +274,9 @@ TEST_F(Xml, ContentOfTheFirstChildWithText)
     EXPECT_EQ(kiv_xml_delete(doc), KIV_OK);
 }
 
-TEST_F(Xml, Attributes)
+TEST(Xml, Attributes)
 {
     _xmlDoc *const doc = parse("<root><p x='1' empty='' y='-20'/><p x='9'/></root>");
-    ASSERT_NE(doc, nullptr);
     g_debugLevel = 2;
     log_capture log;
     int value = 77;
@@ -298,7 +293,7 @@ TEST_F(Xml, Attributes)
     kiv_xml_delete(doc);
 }
 
-TEST_F(Xml, WhatIsNoDocument)
+TEST(Xml, WhatIsNoDocument)
 {
     log_capture log;
     EXPECT_EQ(kiv_xml_allocate(nullptr, 10), nullptr);

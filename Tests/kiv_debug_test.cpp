@@ -39,7 +39,6 @@ TEST(Debug, LineIsExact)
 
 TEST(Debug, LevelDecidesWhatReachesStandardOutput)
 {
-    const std::string all[] = {"ERRR ", "PRNT ", "INF1 ", "INF2 "};
     for (const uint32_t level : {0U, 1U, 2U, 3U, KIV_DEBUG_LEVEL_ALL + 0U, UINT32_MAX}) {
         g_debugLevel = level;
         int evaluated = 0;
@@ -48,17 +47,13 @@ TEST(Debug, LevelDecidesWhatReachesStandardOutput)
         KIV_LOG_PRNT("%d\n", ++evaluated);
         KIV_LOG_INF1("%d\n", ++evaluated);
         KIV_LOG_INF2("%d\n", ++evaluated);
-        std::string expected;
         std::string shown;
-        for (uint32_t i = 0; i < std::min<uint32_t>(level, 4); ++i) {
-            expected += all[i];
-        }
         for (const zol_test::log_line &line : zol_test::parse_log(log.out())) {
             shown += line.level + " ";
         }
-        EXPECT_EQ(shown, expected) << level;
-        EXPECT_EQ(evaluated, std::clamp(static_cast<int>(std::min(level, 4U)), 1, 4))
-            << "the arguments of what is shown";
+        const uint32_t levels = std::min(level, 4U);
+        EXPECT_EQ(shown, std::string("ERRR PRNT INF1 INF2 ").substr(0, levels * 5)) << level;
+        EXPECT_EQ(evaluated, std::max(static_cast<int>(levels), 1)) << "what is not shown is not worked out";
         EXPECT_EQ(zol_test::parse_log(log.err()).size(), 1U) << "errors always reach standard error";
         EXPECT_NE(log.err().find("\033[31m[ERRR][   KIV   ]"), std::string::npos);
     }

@@ -149,10 +149,9 @@ TEST(KivtestTokens, ReportsWhatIsWrongWithTheTokens)
         "conf.xml", zol_test::configuration(
                         "<configName>t</configName><debugLevel>2</debugLevel><systemTokensPath>" +
                         tokens.path().string() + "</systemTokensPath><i2c_buses_num>0</i2c_buses_num>"));
-    const auto run = [&conf] { return kivtest({"-c", conf, "-t", "kiv_tokens"}); };
-    const auto assertions = [&run] { return texts(run(), "ERRR").size(); };
-    const std::string long_name = "<t name='" + std::string(100, 'n') + "'/>";
-
+    const auto assertions = [&conf] {
+        return texts(kivtest({"-c", conf, "-t", "kiv_tokens"}), "ERRR").size();
+    };
     EXPECT_EQ(assertions(), 6U)
         << "two tokens are missing, three assertions each; the XML token is not reached";
     tokens.write("BINTOKEN", "x");
@@ -160,13 +159,9 @@ TEST(KivtestTokens, ReportsWhatIsWrongWithTheTokens)
     tokens.write("ACCELCAL.xml", "<r><faceup x='1'/><hello>h</hello></r>");
     EXPECT_EQ(assertions(), 7U)
         << "the JSON message; from the missing element t on every look-up, and their sum";
-    tokens.write("ACCELCAL.xml", "<r>" + long_name + "<faceup x='1'/><hello>h</hello></r>");
-    EXPECT_NE(run().out.find("name(" + std::string(63, 'n') + ") ver() x(1) y(0) z(0) good_job(h)"),
-              std::string::npos);
     tokens.write("BADTOKEN", "x");
+    tokens.write("ACCELCAL.xml", "<r><t/><faceup x='1'/><hello>h</hello></r>");
     EXPECT_EQ(assertions(), 4U) << "the JSON message; three requests should have failed";
-    tokens.write("ACCELCAL.xml", "");
-    EXPECT_NE(run().out.find(" xmlToken {\n}\n xmlToken.bin {\n}\n"), std::string::npos);
 }
 
 } // namespace

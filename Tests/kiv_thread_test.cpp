@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>

@@ -6,9 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +15,7 @@
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/scratch.h"
+#include "support/text.h"
 #include "zol/kiv_debug.h"
 
 using zol_test::log_capture;
@@ -30,18 +28,16 @@ class TimingLog : public testing::Test
 protected:
     std::filesystem::path file(const std::string &name) { return scratch_.path() / (name + ".csv"); }
 
-    std::string csv(const std::string &name)
-    {
-        std::stringstream content;
-        content << std::ifstream(file(name)).rdbuf();
-        return content.str();
-    }
+    std::string csv(const std::string &name) { return zol_test::contents_of(file(name)); }
 
-    // The CSV of these events, each at a time of its own.
-    struct event {
-        long seconds, microseconds;
-        int32_t id, value;
-    };
+    long rows(const std::string &name) { return std::ranges::count(csv(name), '\n'); }
+
+    kiv_tl_ctx *open_log(const std::string &name)
+    {
+        kiv_tl_ctx *const log = kiv_tl_init(name.c_str(), map_);
+        EXPECT_NE(log, nullptr);
+        return log;
+    }
 
     zol_test::scratch_directory scratch_;
     zol_test::fake_host host_{scratch_.path()};
@@ -51,10 +47,12 @@ protected:
 TEST_F(TimingLog, ScriptedRunByteForByte)
 {
     host_.set_time(100, 800'000);
-    kiv_tl_ctx *const log = kiv_tl_init("run", map_);
-    ASSERT_NE(log, nullptr);
-    const event events[] = {{102, 300'000, 7, 2}, {102, 800'000, 7, 0}, {103, 800'000, 5, 0},
-                            {104, 800'000, 9, 1}, {104, 800'001, 9, 0}, {105, 700'000, 5, 1}};
+    kiv_tl_ctx *const log = open_log("run");
+    const struct {
+        long seconds, microseconds;
+        int32_t id, value;
+    } events[] = {{102, 300'000, 7, 2}, {102, 800'000, 7, 0}, {103, 800'000, 5, 0},
+                  {104, 800'000, 9, 1}, {104, 800'001, 9, 0}, {105, 700'000, 5, 1}};
     for (const auto &[seconds, microseconds, id, value] : events) {
         host_.set_time(seconds, microseconds);
         kiv_tl(log, id, value, "note %d", id);
@@ -74,32 +72,22 @@ TEST_F(TimingLog, ScriptedRunByteForByte)
     EXPECT_EQ(map_[1].last_time.tv_sec, 102);
 }
 
-TEST_F(TimingLog, SteppedClockAndDuplicateIdentifiers)
+TEST_F(TimingLog, OddClocksAndEvents)
 {
     map_[1].event_id = 5;
     host_.set_time(100, 0);
-    kiv_tl_ctx *const log = kiv_tl_init("odd", map_);
-    ASSERT_NE(log, nullptr);
+    kiv_tl_ctx *const log = open_log("odd");
     host_.set_time(99, 900'000);
-    kiv_tl(log, 5, KIV_TL_HIGH, nullptr);
-    kiv_tl_deinit(log);
-    EXPECT_EQ(csv("odd"), "time,rx,tx,delta since last event,\n0.000000,0,2,,\n"
-                          "-1.900000,0,2,,\n-1.900000,1,3,-1.900000,\n-1.900000,0,3,,\n");
-}
-
-TEST_F(TimingLog, WhatIsNoEventIsRefused)
-{
-    kiv_tl_ctx *const log = kiv_tl_init("refused", map_);
-    ASSERT_NE(log, nullptr);
     log_capture capture;
     for (const auto &[id, value] : {std::pair{7, 3}, {7, -1}, {-1, 1}, {-2, 1}, {-3, 1}}) {
         kiv_tl(log, id, value, nullptr);
     }
     EXPECT_EQ(capture.texts("ERRR").size(), 5U);
     EXPECT_TRUE(capture.has("ERRR", "value 3 of event 7 is not 0, 1 or 2, event skipped!"));
+    kiv_tl(log, 5, KIV_TL_HIGH, nullptr);
     kiv_tl_deinit(log);
-    const std::string content = csv("refused");
-    EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 3) << "the header, the start and the stop";
+    EXPECT_EQ(csv("odd"), "time,rx,tx,delta since last event,\n0.000000,0,2,,\n"
+                          "-1.900000,0,2,,\n-1.900000,1,3,-1.900000,\n-1.900000,0,3,,\n");
 }
 
 TEST_F(TimingLog, PreconditionsEndTheProcess)
@@ -114,8 +102,7 @@ TEST_F(TimingLog, AStalledWriterDropsEventsAndLosesNoOthers)
 {
     ASSERT_EQ(mkfifo(file("stalled").c_str(), 0600), 0);
     const kiv::unique_fd reader(open(file("stalled").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    kiv_tl_ctx *const log = kiv_tl_init("stalled", map_);
-    ASSERT_NE(log, nullptr);
+    kiv_tl_ctx *const log = open_log("stalled");
     log_capture capture;
     int logged = 0;
     while (!capture.has("ERRR", "no free msg buffer, msg skipped!")) {
@@ -124,17 +111,18 @@ TEST_F(TimingLog, AStalledWriterDropsEventsAndLosesNoOthers)
         }
     }
     const auto dropped = static_cast<long>(capture.count("ERRR", "no free msg buffer, msg skipped!"));
-    std::atomic<long> lines{0};
-    std::thread drain([&] {
-        char block[65'536];
-        ssize_t got = 0;
-        do { // until the log is closed
-            got = read(reader.get(), block, sizeof block);
-            lines += got > 0 ? std::count(block, block + got, '\n') : 0;
-        } while (got != 0);
-    });
-    kiv_tl_deinit(log);
-    drain.join();
+    long lines = 0;
+    {
+        const std::jthread drain([&] {
+            char block[65'536];
+            ssize_t got = 0;
+            do { // until the log is closed
+                got = read(reader.get(), block, sizeof block);
+                lines += got > 0 ? std::count(block, block + got, '\n') : 0;
+            } while (got != 0);
+        });
+        kiv_tl_deinit(log);
+    }
     EXPECT_EQ(lines, 3 + 2 * (logged - dropped));
     EXPECT_EQ(capture.texts("ERRR").size(), static_cast<std::size_t>(dropped));
 }
@@ -145,8 +133,7 @@ TEST_F(TimingLog, AFullDiskIsReportedOnceAndHoldsNobodyUp)
         std::filesystem::remove(file("full"));
         std::filesystem::create_symlink("/dev/full", file("full"));
         log_capture capture;
-        kiv_tl_ctx *const log = kiv_tl_init("full", map_);
-        ASSERT_NE(log, nullptr);
+        kiv_tl_ctx *const log = open_log("full");
         for (int i = 0; i < events; ++i) {
             kiv_tl(log, 7, KIV_TL_PULSE, nullptr);
         }
@@ -172,27 +159,22 @@ TEST_F(TimingLog, FilesThatCannotBeHad)
         EXPECT_TRUE(log.has("ERRR", "can't create dir /var/log/zol"));
     }
     const zol_test::fake_host made(scratch_.path() / "made");
-    kiv_tl_ctx *const good = kiv_tl_init("x", map_);
     if (getuid() == 0) { // the directory is made without the right to enter it
-        ASSERT_NE(good, nullptr);
-        kiv_tl_deinit(good);
+        kiv_tl_deinit(open_log("x"));
     }
 }
 
 TEST_F(TimingLog, ManyLogsAndProducersLoseNothing)
 {
-    constexpr std::size_t logs_count = 20;
     constexpr int events = 200;
-    std::vector<kiv_tl_map_entry> maps[logs_count];
+    std::vector<std::vector<kiv_tl_map_entry>> maps(20, {std::begin(map_), std::end(map_)});
     std::vector<kiv_tl_ctx *> logs;
-    for (std::size_t i = 0; i < logs_count; ++i) {
-        maps[i].assign(map_, map_ + 3);
-        logs.push_back(kiv_tl_init(("many" + std::to_string(i)).c_str(), maps[i].data()));
-        ASSERT_NE(logs.back(), nullptr);
+    for (auto &map : maps) {
+        logs.push_back(kiv_tl_init(("many" + std::to_string(logs.size())).c_str(), map.data()));
     }
-    std::vector<std::thread> producers;
-    for (int producer = 0; producer < 4; ++producer) {
-        producers.emplace_back([&logs] {
+    std::vector<std::jthread> producers(4);
+    for (std::jthread &producer : producers) {
+        producer = std::jthread([&logs] {
             for (int n = 0; n < events; ++n) {
                 for (kiv_tl_ctx *const log : logs) {
                     kiv_tl(log, 5, KIV_TL_HIGH, "%d", n);
@@ -200,13 +182,10 @@ TEST_F(TimingLog, ManyLogsAndProducersLoseNothing)
             }
         });
     }
-    for (std::thread &producer : producers) {
-        producer.join();
-    }
-    for (std::size_t i = 0; i < logs_count; ++i) {
+    producers.clear(); // joins them
+    for (std::size_t i = 0; i < logs.size(); ++i) {
         kiv_tl_deinit(logs[i]);
-        const std::string content = csv("many" + std::to_string(i));
-        EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 3 + 4 * events * 2);
+        EXPECT_EQ(rows("many" + std::to_string(i)), 3 + 4 * events * 2);
     }
 }
 

@@ -39,23 +39,26 @@ protected:
 
 TEST_F(Tokens, WhatIsThereIsRead)
 {
-    uint32_t size = 99;
-    EXPECT_EQ(kiv_token_isExist("CAL"), KIV_OK);
-    EXPECT_EQ(kiv_token_getSize("CAL", &size), KIV_OK);
-    EXPECT_EQ(size, 10U);
-    EXPECT_EQ(kiv_token_getSize("CAL", nullptr), KIV_OK);
-    EXPECT_EQ(kiv_token_getSize("EMPTY", &size), KIV_OK);
-    EXPECT_EQ(size, 0U);
-
-    char buffer[16] = "###############";
-    EXPECT_EQ(kiv_token_getData("CAL", buffer, 4, &size), KIV_OK);
-    EXPECT_EQ(size, 4U);
-    EXPECT_STREQ(buffer, "0123###########");
-    EXPECT_EQ(kiv_token_getData("CAL", buffer, sizeof buffer, &size), KIV_OK);
-    EXPECT_EQ(size, 10U);
-    EXPECT_STREQ(buffer, "0123456789#####");
-    EXPECT_EQ(kiv_token_getData("DIR/IN", buffer, 6, nullptr), KIV_OK);
-    EXPECT_STREQ(buffer, "nested6789#####");
+    const struct {
+        const char *name;
+        uint32_t size, room;
+        const char *read;
+    } cases[] = {{"CAL", 10, 4, "0123###########"},
+                 {"CAL", 10, 15, "0123456789#####"},
+                 {"EMPTY", 0, 15, "###############"},
+                 {"DIR/IN", 6, 6, "nested#########"}};
+    for (const auto &[name, size, room, read] : cases) {
+        char buffer[] = "###############";
+        uint32_t got = 99;
+        EXPECT_EQ(kiv_token_isExist(name), KIV_OK);
+        EXPECT_EQ(kiv_token_getSize(name, &got), KIV_OK);
+        EXPECT_EQ(got, size);
+        EXPECT_EQ(kiv_token_getData(name, buffer, room, &got), KIV_OK);
+        EXPECT_EQ(got, std::min(size, room));
+        EXPECT_STREQ(buffer, read);
+        EXPECT_EQ(kiv_token_getData(name, buffer, room, nullptr), KIV_OK);
+        EXPECT_EQ(kiv_token_getSize(name, nullptr), KIV_OK);
+    }
 }
 
 TEST_F(Tokens, WhatIsNotThereIsRefusedByAllRequests)
@@ -76,34 +79,25 @@ TEST_F(Tokens, WhatIsNotThereIsRefusedByAllRequests)
     }
 }
 
-TEST_F(Tokens, PathHolds63Characters)
+TEST_F(Tokens, DirectoryComesFromTheConfigurationAndPathsHold63Characters)
 {
     const std::string fitting(63 - std::strlen(g_tokensPath) - 1, 'f');
     scratch_.write(fitting, "x");
+    g_debugLevel = KIV_DEBUG_LEVEL_ALL;
     log_capture log;
     EXPECT_EQ(kiv_token_isExist(fitting.c_str()), KIV_OK);
     EXPECT_EQ(kiv_token_isExist((fitting + "f").c_str()), KIV_ERR_OPEN);
     EXPECT_TRUE(log.has("ERRR", "not enough space provided by the user 64 / 64"));
-}
-
-TEST_F(Tokens, DirectoryComesFromTheConfiguration)
-{
-    const std::string file =
-        scratch_.write("conf.xml", zol_test::configuration("<systemTokensPath>" + std::string(80, 'p') +
-                                                           "</systemTokensPath>"));
     kiv_token_deinit();
     EXPECT_STREQ(g_tokensPath, "");
-    g_debugLevel = KIV_DEBUG_LEVEL_ALL;
-    {
-        log_capture log;
-        EXPECT_EQ(kiv_token_isExist("no such token"), KIV_ERR_OPEN);
-        EXPECT_TRUE(log.has("INF2", "open file: /no such token (nil)"))
-            << "at the root while there is no directory";
-        EXPECT_TRUE(log.has("PRNT", "isExist(no such token)"));
-    }
-    log_capture log;
+    EXPECT_EQ(kiv_token_isExist("no such token"), KIV_ERR_OPEN);
+    EXPECT_TRUE(log.has("INF2", "open file: /no such token (nil)"))
+        << "at the root while there is no directory";
+    EXPECT_TRUE(log.has("PRNT", "isExist(no such token)"));
+
     EXPECT_EQ(kiv_token_init(), KIV_ERR_SYSTEM) << "no configuration is loaded";
-    ASSERT_EQ(kiv_config_init(file.c_str()), 1);
+    const std::string path = "<systemTokensPath>" + std::string(80, 'p') + "</systemTokensPath>";
+    ASSERT_EQ(kiv_config_init(scratch_.write("conf.xml", zol_test::configuration(path)).c_str()), 1);
     EXPECT_EQ(kiv_token_init(), KIV_OK);
     EXPECT_EQ(g_tokensPath, std::string(63, 'p'));
     EXPECT_TRUE(log.has("PRNT", "systemTokensPath (" + std::string(63, 'p') + ")"));

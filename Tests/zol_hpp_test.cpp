@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "support/log_capture.h"
 #include "support/own_events.h"
 #include "support/scratch.h"
+#include "support/text.h"
 
 using namespace std::chrono_literals;
 using zol_test::log_capture;
@@ -219,7 +218,7 @@ TEST_F(ZolHpp, HotPathsAllocateNothing)
     EXPECT_TRUE(good && entry.payload().size() == sizeof(int));
     *log = zol::timing_log();
     zol::timing_log().pulse(1);
-    std::ifstream csv(scratch_.path() / "lanes.csv");
-    EXPECT_EQ(std::count(std::istreambuf_iterator<char>(csv), {}, '\n'), 3 + 10 * (2 + 3 + 2));
+    EXPECT_EQ(std::ranges::count(zol_test::contents_of(scratch_.path() / "lanes.csv"), '\n'),
+              3 + 10 * (2 + 3 + 2));
     kiv_gpio_set_simulator_mode(0);
 }

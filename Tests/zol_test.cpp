@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,16 +17,6 @@ using strings = std::vector<std::string>;
 namespace
 {
 
-// Modules that a failed start never reached say so when they are stopped with the others; that is no
-// assertion.
-std::size_t count_assertions(log_capture &log)
-{
-    const strings errors = log.texts("ERRR");
-    return static_cast<std::size_t>(std::count_if(errors.begin(), errors.end(), [](const std::string &text) {
-        return text.starts_with("ASSERT FAILED");
-    }));
-}
-
 class Lifecycle : public testing::Test
 {
 protected:
@@ -38,10 +27,9 @@ protected:
 
 TEST_F(Lifecycle, StartsAndStops)
 {
-    const std::string file = write(zol_test::minimal_configuration());
     g_debugLevel = 2;
     log_capture log;
-    ASSERT_EQ(zol_init(file.c_str()), KIV_OK);
+    ASSERT_EQ(zol_init(write(zol_test::minimal_configuration()).c_str()), KIV_OK);
     EXPECT_STREQ(g_tokensPath, "/opt/tokens");
     EXPECT_EQ(g_debugLevel, 1U) << "as configured";
     zol_test::set_debug_level(2);
@@ -51,47 +39,45 @@ TEST_F(Lifecycle, StartsAndStops)
     kiv_lock();
     kiv_unlock();
     EXPECT_EQ(zol_deinit(), KIV_OK);
-    EXPECT_EQ(log.texts("PRNT"), (strings{"initialize kiv", "initialize", "destruct kiv", "de-initialize",
-                                          "cleaning kiv_test_util"}));
-    EXPECT_TRUE(log.texts("ERRR").empty());
     EXPECT_STREQ(g_tokensPath, "");
-}
-
-TEST_F(Lifecycle, TheModulesStartInOrder)
-{
-    const std::string file = write(zol_test::configuration(
+    const std::string talkative = zol_test::configuration(
         "<configName>board-a</configName><debugLevel>2</debugLevel><systemTokensPath>t</systemTokensPath>"
-        "<i2c_buses_num>1</i2c_buses_num>"));
-    g_debugLevel = 2;
-    log_capture log;
-    ASSERT_EQ(zol_init(file.c_str()), KIV_OK);
-    EXPECT_EQ(log.texts("PRNT"),
-              (strings{"initialize kiv", "initialize", "g_debugLevel = 2", "systemTokensPath (t)",
-                       "initialize", "system with 2 i2c buses", "initialize kiv - configName[board-a]"}));
-    zol_deinit();
+        "<i2c_buses_num>1</i2c_buses_num>");
+    ASSERT_EQ(zol_init(write(talkative).c_str()), KIV_OK);
+    EXPECT_EQ(zol_deinit(), KIV_OK);
+    const strings expected = {"initialize kiv",
+                              "initialize",
+                              "destruct kiv",
+                              "de-initialize",
+                              "cleaning kiv_test_util", //
+                              "initialize kiv",
+                              "initialize",
+                              "g_debugLevel = 2",
+                              "systemTokensPath (t)",
+                              "initialize",
+                              "system with 2 i2c buses",
+                              "initialize kiv - configName[board-a]",
+                              "destruct kiv",
+                              "de-initialize",
+                              "cleaning kiv_test_util"};
+    EXPECT_EQ(log.texts("PRNT"), expected);
+    EXPECT_TRUE(log.texts("ERRR").empty());
 }
 
 TEST_F(Lifecycle, EveryMissingKeyFailsTheStart)
 {
-    const struct {
-        const char *key;
-        std::size_t assertions; // the module's own, where it has one, and the start's
-        const char *config_name;
-    } cases[] = {{"configName", 1, ""},
-                 {"debugLevel", 2, ""},
-                 {"systemTokensPath", 2, ""},
-                 {"i2c_buses_num", 2, "board-a"}};
-    for (const auto &[key, assertions, config_name] : cases) {
+    for (const std::string key : {"configName", "debugLevel", "systemTokensPath", "i2c_buses_num"}) {
         std::string xml = zol_test::minimal_configuration();
-        const std::size_t at = xml.find(std::string("<") + key);
-        xml.replace(at, xml.find('>', xml.find('/', at + 1)) + 1 - at, "");
+        for (std::size_t at = 0; (at = xml.find(key, at)) != std::string::npos;) {
+            xml.replace(at, key.size(), "other");
+        }
         g_debugLevel = 2;
         log_capture log;
         EXPECT_EQ(zol_init(write(xml).c_str()), KIV_ERR_INVALID_PARAM) << xml;
-        EXPECT_EQ(count_assertions(log), assertions) << key << log.out();
+        EXPECT_TRUE(log.texts("ERRR").at(0).starts_with("ASSERT FAILED")) << key;
         EXPECT_STREQ(g_tokensPath, "") << "everything is stopped again";
         EXPECT_EQ(kiv_config_get_param("general", "", "debugLevel", nullptr, 0), 0);
-        EXPECT_EQ(log.has("PRNT", "system with 2 i2c buses"), false);
+        EXPECT_FALSE(log.has("PRNT", "system with 2 i2c buses"));
     }
 }
 
@@ -117,12 +103,10 @@ TEST_F(Lifecycle, EveryFailureOnTheWayIsReported)
         // The calls of a listener that runs, and of who tells it to stop, hold up neither start nor stop.
         const std::string call = zol_test::failed_call();
         const bool survived = call.empty() || call == "poll" || call == "read" || call == "write";
-        if (started != (survived ? KIV_OK : KIV_ERR_INVALID_PARAM) ||
-            stopped != (survived ? KIV_OK : KIV_ERR_STATE)) {
-            return "wrong status";
-        }
         const bool is_silent = call.empty() || call == "read"; // of a command, which is read again
-        return is_silent == log.texts("ERRR").empty() ? "" : "unreported";
+        const bool is_right = survived ? started == KIV_OK && stopped == KIV_OK
+                                       : started == KIV_ERR_INVALID_PARAM && stopped == KIV_ERR_STATE;
+        return is_right && is_silent == log.texts("ERRR").empty() ? "" : "wrong status, or unreported";
     });
     EXPECT_EQ(result.complaints, "");
     EXPECT_GE(result.failures, 10) << "the lock, stat, the parser, what a listener needs, the stop";
@@ -152,17 +136,16 @@ TEST(Services, AClockThatFailsEndsTheWaitAtOnce)
     const zol_test::sweep_result result = zol_test::sweep_faults([]() -> std::string {
         log_capture log;
         timespec deadline{};
-        const int32_t prepared = kiv_prepare_time_spec(1'500'000, &deadline);
-        if (prepared == KIV_ERR_SYSTEM && deadline.tv_sec == 1 && deadline.tv_nsec == 500'000'000) {
-            return "";
+        if (kiv_prepare_time_spec(1'500'000, &deadline) == KIV_ERR_SYSTEM) {
+            return deadline.tv_sec == 1 && deadline.tv_nsec == 500'000'000 ? "" : "no deadline";
         }
         pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
         pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
         pthread_mutex_lock(&mutex);
         const int32_t waited = kiv_cond_timedwait(&cond, &mutex, 0);
         pthread_mutex_unlock(&mutex);
-        return waited == (zol_test::failed_call().empty() ? KIV_ERR_TIMEOUT : KIV_ERR_SYSTEM) ? ""
-                                                                                              : "unreported";
+        const int32_t expected = zol_test::failed_call().empty() ? KIV_ERR_TIMEOUT : KIV_ERR_SYSTEM;
+        return waited == expected ? "" : "unreported";
     });
     EXPECT_EQ(result.complaints, "");
     EXPECT_EQ(result.failures, 2);
@@ -174,13 +157,12 @@ TEST(Services, TimedWaitEndsByTheSignalOrTheTime)
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
     g_debugLevel = 2;
     log_capture log;
-    bool ready = false;
     pthread_mutex_lock(&mutex);
     EXPECT_EQ(kiv_cond_timedwait(&cond, &mutex, 1000), KIV_ERR_TIMEOUT);
     EXPECT_TRUE(log.has("PRNT", "timeout reached 110 on cond"));
     for (const int32_t timeout : {-1, 60'000'000}) {
-        ready = false;
-        std::thread signaller([&] {
+        bool ready = false;
+        const std::jthread signaller([&] {
             pthread_mutex_lock(&mutex);
             ready = true;
             pthread_cond_signal(&cond);
@@ -189,7 +171,6 @@ TEST(Services, TimedWaitEndsByTheSignalOrTheTime)
         while (!ready) {
             EXPECT_EQ(kiv_cond_timedwait(&cond, &mutex, timeout), KIV_OK);
         }
-        signaller.join();
     }
     pthread_mutex_unlock(&mutex);
     EXPECT_EQ(kiv_cond_timedwait(nullptr, &mutex, -1), KIV_ERR_INVALID_PARAM);

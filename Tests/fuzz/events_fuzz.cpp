@@ -71,21 +71,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     kiv_event_group *group = nullptr;
     kiv_event_item *item = nullptr;
     int32_t reader = -1;
-    require(kiv_events_create_group("fuzz", &group) == KIV_OK);
-    require(kiv_events_create_event("fuzzed", nullptr, group, &item) == KIV_OK);
-    require(kiv_events_set_enable_event(item, 1) == KIV_OK);
-    require(kiv_events_get_event_fd("fuzzed", &reader) == KIV_OK);
+    require(kiv_events_create_group("fuzz", &group) == KIV_OK &&
+            kiv_events_create_event("fuzzed", nullptr, group, &item) == KIV_OK &&
+            kiv_events_set_enable_event(item, 1) == KIV_OK &&
+            kiv_events_get_event_fd("fuzzed", &reader) == KIV_OK);
     write_to(reader, data + 2, std::min<std::size_t>(size - 2, 32'768));
     require(kiv_events_notify(item, data, 2, 0) == KIV_OK); // may become the payload of what is there
-    for (int left = bytes_in(reader); left > 0;) {
+    for (int left = bytes_in(reader), now = 0; left > 0; left = now) {
         wait_with_room(room);
-        const int now = bytes_in(reader);
+        now = bytes_in(reader);
         require(now < left);
-        left = now;
     }
     require(kiv_events_notify(item, data, static_cast<uint32_t>(size), 0) == KIV_OK);
     require(wait_with_room(size).actual_sz == size);
-    require(kiv_events_delete_event(item) == KIV_OK);
-    require(kiv_events_delete_group(group) == KIV_OK);
+    require(kiv_events_delete_event(item) == KIV_OK && kiv_events_delete_group(group) == KIV_OK);
     return 0;
 }

@@ -13,12 +13,11 @@
 #include "i2c_node.h"
 
 using kivboard::i2c_message;
+using kivboard::refusal;
 using bytes = std::vector<std::uint8_t>;
 
 namespace
 {
-
-using kivboard::refusal;
 
 const kivboard::bus_description description = {
     4,

@@ -22,9 +22,7 @@ using statuses = std::vector<int32_t>;
 namespace
 {
 
-class Gpio : public zol_test::GpioTest
-{
-};
+using Gpio = zol_test::GpioTest;
 
 TEST_F(Gpio, PinsAndInterruptsOutliveAStop)
 {

@@ -31,7 +31,7 @@ class busy
 public:
     static constexpr int forever = -1;
 
-    explicit busy(int rounds, std::function<void(int round)> work)
+    busy(int rounds, std::function<void(int round)> work)
         : thread_([this, rounds, work = std::move(work)] {
               for (int round = 0; rounds == forever ? !is_over_ : round < rounds; ++round) {
                   work(round);
@@ -56,9 +56,9 @@ class GpioThreads : public zol_test::GpioTest
 {
 protected:
     // The listener is to find time for something else, too.
-    void raise(int pin, std::uint64_t count = 1)
+    void raise(int pin)
     {
-        pins_.raise(pin, count);
+        pins_.raise(pin);
         std::this_thread::yield();
     }
 };

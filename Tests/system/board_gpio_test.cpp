@@ -5,10 +5,13 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -173,8 +176,8 @@ TEST_F(GpioBoard, NoWakeUpIsLost)
         const kiv::unique_fd irq = open_node(17, "irq");
         std::atomic<long> taken = 0;
         std::thread taker([&] { EXPECT_GE(take_interrupts(irq, taken, 10'000), 0); });
-        for (long i = 0; i < 10'000; ++i) {
-            bench.tell("raise 17");
+        for (int i = 0; i < 2000; ++i) {
+            bench.tell("raise 17\nraise 17\nraise 17\nraise 17\nraise 17");
         }
         taker.join();
         EXPECT_EQ(taken, 10'000);
@@ -240,13 +243,35 @@ TEST_F(GpioBoard, NodesFailAndAreMended)
     });
 }
 
+TEST_F(GpioBoard, OneConnectionCarriesManyRequests)
+{
+    run_on_board([](board_bench &) {
+        sockaddr_un address = {AF_UNIX, ""};
+        std::strncpy(address.sun_path, std::getenv("KIVBOARD_SOCKET"), sizeof address.sun_path - 1);
+        const kiv::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        for (const std::string requests : {"level 5\nlevel 5 1\nlevel 5\nlevel 99", "99\nraise 5\n"}) {
+            EXPECT_EQ(send(fd.get(), requests.data(), requests.size(), 0),
+                      static_cast<ssize_t>(requests.size()));
+        }
+        const std::string expected = "ok 2\n0\nok 0\nok 2\n1\nerror 21\nthere is no pin 9999\n"
+                                     "ok 23\ndropped, not requested\n";
+        std::string answers(expected.size(), '\0');
+        recv(fd.get(), answers.data(), answers.size(), MSG_WAITALL);
+        EXPECT_EQ(answers, expected);
+    });
+}
+
 TEST_F(GpioBoard, CommandsOfTheBench)
 {
     const zol_test::command_result result = on_board(
-        "printf 'raise 6\\n\\nraise 999\\nlevel 5\\n' | $kivboard -; echo $?; $kivboard raise 5 1 2; "
-        "echo $?; $kivboard raise '5\nraise 5'; echo $?; $kivboard journal");
+        "printf 'raise 6\\n\\nraise 999\\nraise\\nraize 6\\njournal 5\\nlevel 5\\n' | $kivboard -; echo $?; "
+        "$kivboard raise 5 1 2; echo $?; $kivboard raise '5\nraise 5'; echo $?; $kivboard journal");
     EXPECT_EQ(result.out, "dropped, not requested\n0\n1\n2\n1\n1 gpio_6 raise 1: dropped, not requested\n");
     EXPECT_TRUE(result.err.starts_with("kivboard: there is no pin 999\n"
+                                       "kivboard: raise needs PIN [COUNT]\n"
+                                       "kivboard: the board does not know this request\n"
+                                       "kivboard: journal knows --follow only\n"
                                        "kivboard: raise needs PIN [COUNT]; see kivboard --help\n"))
         << result.err;
 }

@@ -68,6 +68,53 @@ class KivtestGpio : public zol_test::OnBoardTest
 {
 protected:
     KivtestGpio() : OnBoardTest(board_xml) {}
+
+    // Has the console at the other end of a pipe.
+    void start(const std::string &driver_options = "")
+    {
+        talk_ = std::make_unique<zol_test::conversation>(command_on_board(
+            "echo pids $$ $PPID; exec $kivtest -c Conf/kiv_test.xml " + driver_options + " -m gpio -i"));
+        talk_->hear_until("pids ");
+        processes_ = talk_->hear_until("\n");
+        greeting_ = texts(talk_->hear_until("<cmd>: "));
+    }
+
+    strings ask(const std::string &line)
+    {
+        talk_->say(line + "\n");
+        return texts(talk_->hear_until("<cmd>: "));
+    }
+
+    // How often the threads of the console and of its board have gone to sleep, and for how long they have
+    // run.
+    [[nodiscard]] std::string activity() const
+    {
+        const std::string line = "for process in " + processes_ +
+                                 "; do grep ctxt_switches /proc/$process/task/*/status && "
+                                 "cut -d ' ' -f 14,15 /proc/$process/task/*/stat || exit; done";
+        const command_result result = zol_test::run_command({"/bin/sh", "-c", line});
+        EXPECT_EQ(result.status, 0);
+        return result.out;
+    }
+
+    // Whether nothing stirs for a second, once what was asked for is done with.
+    [[nodiscard]] bool is_quiet() const
+    {
+#if defined(KIV_TSAN)
+        return true; // its own thread never rests
+#endif
+        std::string before;
+        std::string after = activity();
+        for (int tries = 0; tries < 5 && before != after; ++tries) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            before = std::exchange(after, activity());
+        }
+        return before == after;
+    }
+
+    std::unique_ptr<zol_test::conversation> talk_;
+    std::string processes_; // its own, and the board's
+    strings greeting_;
 };
 
 TEST_F(KivtestGpio, ScriptedTests)
@@ -93,62 +140,17 @@ TEST_F(KivtestGpio, ScriptedTests)
          {"invalid argument", "======= HELP =============", "Supported commands:",
           "==========================", "'-i or --interactive' \t\t: Enable interactive mode"}}};
     for (const auto &[options, expected] : cases) {
-        strings said = texts(on_board(std::string("$kivtest -c Conf/kiv_test.xml -m gpio ") + options).out);
+        const command_result result =
+            on_board(std::string("exec $kivtest -c Conf/kiv_test.xml -m gpio ") + options);
+        EXPECT_EQ(result.status, 0);
+        strings said = texts(result.out);
         std::erase_if(said, [](const std::string &text) { return text.starts_with("param ["); });
         EXPECT_NE(std::search(said.begin(), said.end(), expected.begin(), expected.end()), said.end())
-            << options << "\n"
-            << testing::PrintToString(said);
+            << options << testing::PrintToString(said);
     }
 }
 
-// The console, at the other end of a pipe.
-class GpioConsole : public KivtestGpio
-{
-protected:
-    void start(const std::string &driver_options = "")
-    {
-        talk_ = std::make_unique<zol_test::conversation>(command_on_board(
-            "echo pids $$ $PPID end; exec $kivtest -c Conf/kiv_test.xml " + driver_options + " -m gpio -i"));
-        talk_->hear_until("pids ");
-        processes_ = {talk_->hear_until(" "), talk_->hear_until(" end")};
-        greeting_ = texts(talk_->hear_until("<cmd>: "));
-    }
-
-    strings ask(const std::string &line)
-    {
-        talk_->say(line + "\n");
-        return texts(talk_->hear_until("<cmd>: "));
-    }
-
-    // How often the threads of the console and of its board have gone to sleep.
-    [[nodiscard]] std::string activity() const
-    {
-        const std::string statuses =
-            "/proc/" + processes_[0] + "/task/*/status /proc/" + processes_[1] + "/task/*/status";
-        return zol_test::run_command({"/bin/sh", "-c", "grep ctxt_switches " + statuses}).out;
-    }
-
-    // Whether nothing stirs for a second, once what was asked for is done with.
-    [[nodiscard]] bool is_quiet() const
-    {
-#if defined(KIV_TSAN)
-        return true; // its own thread never rests
-#endif
-        std::string before;
-        std::string after = activity();
-        for (int tries = 0; tries < 5 && before != after; ++tries) {
-            std::this_thread::sleep_for(std::chrono::seconds(1));
-            before = std::exchange(after, activity());
-        }
-        return before == after && !after.empty();
-    }
-
-    std::unique_ptr<zol_test::conversation> talk_;
-    strings processes_; // its own, and the board's
-    strings greeting_;
-};
-
-TEST_F(GpioConsole, EveryCommandOnTheBoard)
+TEST_F(KivtestGpio, ConsoleOnTheBoard)
 {
     start();
     const strings missing = {"Failed to find the gpio - gpio is not allocated."};
@@ -199,7 +201,7 @@ TEST_F(GpioConsole, EveryCommandOnTheBoard)
     EXPECT_TRUE(says(end, "exiting interactive mode!\n"));
 }
 
-TEST_F(GpioConsole, SimulatorShowsStoredValues)
+TEST_F(KivtestGpio, ConsoleInSimulatorMode)
 {
     start("-x -s 1");
     EXPECT_TRUE(has(greeting_, "\tsimulator on"));
@@ -215,7 +217,7 @@ TEST_F(GpioConsole, SimulatorShowsStoredValues)
     EXPECT_EQ(talk_->finish().status, 0);
 }
 
-TEST_F(GpioConsole, InterruptsShowWhileItWaitsAndNothingStirsWithoutThem)
+TEST_F(KivtestGpio, InterruptsShowWhileItWaitsAndNothingStirsWithoutThem)
 {
     start();
     for (const char *const pin : {"5", "17", "18"}) {

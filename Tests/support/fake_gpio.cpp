@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -20,9 +18,16 @@ namespace zol_test
 struct fake_gpio_node {
     std::string name; // "17 irq"
     kiv::unique_fd line{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
-    std::atomic<bool> fails[static_cast<int>(gpio_operation::count)] = {};
+    std::atomic<bool> failing[static_cast<int>(gpio_operation::count)] = {};
     std::atomic<bool> has_text = false;
     std::string text;
+
+    bool fails(gpio_operation operation)
+    {
+        const bool result = failing[static_cast<int>(operation)].load(std::memory_order_relaxed);
+        errno = result ? EIO : errno;
+        return result;
+    }
 };
 
 namespace
@@ -30,34 +35,9 @@ namespace
 
 constexpr std::string_view directory = "/sys/user_hw/pins/gpios/gpio_";
 
-std::atomic<fake_gpio *> g_installed;
 std::atomic<fake_gpio_node *> g_nodes[20'000]; // by descriptor
 
-bool fails(const fake_gpio_node &node, gpio_operation operation)
-{
-    const bool result = node.fails[static_cast<int>(operation)].load(std::memory_order_relaxed);
-    if (result) {
-        errno = EIO;
-    }
-    return result;
-}
-
 } // namespace
-
-fake_gpio::fake_gpio()
-{
-    g_installed = this;
-}
-
-fake_gpio::~fake_gpio()
-{
-    g_installed = nullptr;
-}
-
-fake_gpio *fake_gpio::installed()
-{
-    return g_installed.load(std::memory_order_relaxed);
-}
 
 bool fake_gpio::has(const char *path)
 {
@@ -66,8 +46,8 @@ bool fake_gpio::has(const char *path)
 
 fake_gpio_node *fake_gpio::of(int fd)
 {
-    return fd >= 0 && fd < static_cast<int>(std::size(g_nodes)) ? g_nodes[fd].load(std::memory_order_relaxed)
-                                                                : nullptr;
+    const bool is_known = fd >= 0 && fd < static_cast<int>(std::size(g_nodes));
+    return is_known ? g_nodes[fd].load(std::memory_order_relaxed) : nullptr;
 }
 
 void fake_gpio::forget(int fd)
@@ -78,9 +58,9 @@ void fake_gpio::forget(int fd)
 fake_gpio_node &fake_gpio::find(const std::string &path)
 {
     const std::scoped_lock lock(mutex_);
-    std::unique_ptr<fake_gpio_node> &found = nodes_[path];
+    std::shared_ptr<fake_gpio_node> &found = nodes_[path];
     if (!found) {
-        found = std::make_unique<fake_gpio_node>();
+        found = std::make_shared<fake_gpio_node>();
         found->name = path.substr(directory.size());
         std::replace(found->name.begin(), found->name.end(), '/', ' ');
     }
@@ -105,9 +85,16 @@ void fake_gpio::set_text(int pin, const std::string &node, const std::string &te
     found.has_text = true;
 }
 
-void fake_gpio::fail(int pin, const std::string &node, gpio_operation operation, bool fails)
+void fake_gpio::fail(int pin, const std::string &node, gpio_operation operation)
 {
-    find(pin, node).fails[static_cast<int>(operation)] = fails;
+    find(pin, node).failing[static_cast<int>(operation)] = true;
+}
+
+void fake_gpio::mend(int pin, const std::string &node)
+{
+    for (std::atomic<bool> &failing : find(pin, node).failing) {
+        failing = false;
+    }
 }
 
 std::vector<std::string> fake_gpio::take_writes()
@@ -126,7 +113,7 @@ int fake_gpio::open(const char *path, int flags)
 {
     fake_gpio_node &opened = find(path);
     const bool to_write = (flags & O_ACCMODE) != O_RDONLY;
-    if (fails(opened, to_write ? gpio_operation::open_to_write : gpio_operation::open_to_read)) {
+    if (opened.fails(to_write ? gpio_operation::open_to_write : gpio_operation::open_to_read)) {
         return -1;
     }
     const int fd = dup(opened.line.get());
@@ -138,7 +125,7 @@ int fake_gpio::open(const char *path, int flags)
 
 ssize_t fake_gpio::write(fake_gpio_node &node, const char *data, std::size_t size)
 {
-    if (fails(node, gpio_operation::write)) {
+    if (node.fails(gpio_operation::write)) {
         return -1;
     }
     const std::scoped_lock lock(mutex_);
@@ -148,7 +135,7 @@ ssize_t fake_gpio::write(fake_gpio_node &node, const char *data, std::size_t siz
 
 ssize_t fake_gpio::read(fake_gpio_node &node, int fd, char *data, std::size_t size)
 {
-    if (fails(node, gpio_operation::read)) {
+    if (node.fails(gpio_operation::read)) {
         return -1;
     }
     eventfd_t count = 0;
@@ -158,14 +145,12 @@ ssize_t fake_gpio::read(fake_gpio_node &node, int fd, char *data, std::size_t si
         const std::scoped_lock lock(mutex_);
         text = node.text;
     }
-    const std::size_t length = std::min(size, text.size());
-    std::memcpy(data, text.data(), length);
-    return static_cast<ssize_t>(length);
+    return static_cast<ssize_t>(text.copy(data, size));
 }
 
 off_t fake_gpio::seek(fake_gpio_node &node)
 {
-    return fails(node, gpio_operation::seek) ? -1 : 0;
+    return node.fails(gpio_operation::seek) ? -1 : 0;
 }
 
 } // namespace zol_test

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -23,8 +24,8 @@ enum class gpio_operation { open_to_read, open_to_write, read, write, seek, coun
 class fake_gpio
 {
 public:
-    fake_gpio();
-    ~fake_gpio();
+    fake_gpio() { installed_ = this; }
+    ~fake_gpio() { installed_ = nullptr; }
     fake_gpio(const fake_gpio &) = delete;
     fake_gpio &operator=(const fake_gpio &) = delete;
 
@@ -35,8 +36,9 @@ public:
     /// What reading a node gives from now on; of "irq", instead of the count that is taken.
     void set_text(int pin, const std::string &node, const std::string &text);
 
-    /// From now on an operation of a node fails with EIO, or works again.
-    void fail(int pin, const std::string &node, gpio_operation operation, bool fails = true);
+    /// From now on an operation of a node fails with EIO.
+    void fail(int pin, const std::string &node, gpio_operation operation);
+    void mend(int pin, const std::string &node);
 
     /// What has been written since the last call, in order: "17 irqrequest 1\0".
     std::vector<std::string> take_writes();
@@ -45,7 +47,7 @@ public:
     long own_descriptors();
 
     /// For the wrappers.
-    static fake_gpio *installed();
+    static fake_gpio *installed() { return installed_.load(std::memory_order_relaxed); }
     static bool has(const char *path);
     static fake_gpio_node *of(int fd); // null when the descriptor is none of a node
     static void forget(int fd);
@@ -58,8 +60,9 @@ private:
     fake_gpio_node &find(const std::string &path);
     fake_gpio_node &find(int pin, const std::string &name);
 
+    inline static std::atomic<fake_gpio *> installed_;
     std::mutex mutex_; // not taken on the way of a plain interrupt: it would hide races of the library
-    std::map<std::string, std::unique_ptr<fake_gpio_node>> nodes_;
+    std::map<std::string, std::shared_ptr<fake_gpio_node>> nodes_;
     std::vector<std::string> writes_;
 };
 

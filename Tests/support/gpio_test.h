@@ -76,19 +76,13 @@ protected:
                                           reinterpret_cast<uintptr_t>(&calls));
     }
 
-    long open_descriptors() { return entries_of("/proc/self/fd") - pins_.own_descriptors(); }
-
-    /// What a routine has logged.
-    static std::vector<std::string> said_by(const std::string &function, log_capture &log)
+    void request_and_watch(int gpio, calls &calls, const char *name = "pin")
     {
-        std::vector<std::string> texts;
-        for (const log_line &line : parse_log(log.out())) {
-            if (line.function == function) {
-                texts.push_back(line.text);
-            }
-        }
-        return texts;
+        request(gpio, name);
+        ASSERT_EQ(watch(gpio, calls), KIV_OK);
     }
+
+    long open_descriptors() { return entries_of("/proc/self/fd") - pins_.own_descriptors(); }
 
     scratch_directory scratch_;
     fake_gpio pins_;

@@ -23,11 +23,9 @@ protected:
     void SetUp() override
     {
         if (std::getenv("ZOL_EMULATOR") != nullptr) {
-            GTEST_SKIP()
-                << "the board starts programs itself, which an emulator of one program does not take on";
+            GTEST_SKIP() << "an emulator of one program does not take on those that the board starts";
         }
-        const command_result check = run_command({KIVBOARD, "check"});
-        if (check.status != 0) {
+        if (const command_result check = run_command({KIVBOARD, "check"}); check.status != 0) {
             GTEST_SKIP() << check.err;
         }
     }
@@ -35,11 +33,9 @@ protected:
     /// A line of shell as a command on the board; $kivtest and $kivboard are the programs.
     [[nodiscard]] std::vector<std::string> command_on_board(const std::string &line) const
     {
-        return {KIVBOARD,   "run",
-                "--board",  board_file_,
-                "--socket", socket_,
-                "--",       "/bin/sh",
-                "-c",       "kivtest='" KIVTEST_EXE "'; kivboard='" KIVBOARD "'; " + line};
+        const std::string programs = "kivtest='" KIVTEST_EXE "'; kivboard='" KIVBOARD "'; ";
+        return {KIVBOARD, "run", "--board", board_file_, "--socket",
+                socket_,  "--",  "/bin/sh", "-c",        programs + line};
     }
 
     [[nodiscard]] command_result on_board(const std::string &line) const

@@ -359,8 +359,8 @@ int command_check(const words &arguments)
     const pid_t child = fork();
     if (child == 0) {
         std::string problem = kivboard::enter_namespaces();
-        int fuse_fd = -1;
         if (problem.empty()) {
+            int fuse_fd = -1;
             problem = kivboard::mount_fuse("/dev", fuse_fd);
         }
         _exit(problem.empty() ? 0

@@ -1,6 +1,6 @@
 /*
- * Two workers and their messages, with every step in a timing log: the first worker prepares what it is sent and
- * passes it on to the second, waiting until that one has finished; meanwhile more is sent.
+ * Two workers and their messages, with every step in a timing log: the first worker prepares what it is sent
+ * and passes it on to the second, waiting until that one has finished; meanwhile more is sent.
  *
  *     kivboard run -- sh -c 'two_workers && zol_timing /var/log/zol/two_workers.csv'
  */

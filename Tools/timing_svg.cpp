@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include "timing_trace.h"
@@ -116,17 +117,24 @@ std::string text(double x, double y, const std::string &style, const std::string
            "</text>\n";
 }
 
+std::string draw_tick_line(const layout &at, double where)
+{
+    const std::string x = number(where);
+    return "<line x1=\"" + x + "\" y1=\"" + number(top) + "\" x2=\"" + x + "\" y2=\"" +
+           number(at.bottom() + 5) + "\" stroke=\"#d8dde2\"/>\n";
+}
+
 std::string draw_axis(const layout &at)
 {
     const unit unit = unit_for(at.span_us());
     const double step = tick_step(at.span_us() / unit.us);
     const int decimals = std::max(0, static_cast<int>(std::ceil(-std::log10(step) - 1e-9)));
+    const double end_us = at.first_us() + at.span_us() + 0.5;
+    const auto last = static_cast<std::int64_t>(std::floor(end_us / unit.us / step));
     std::string svg;
-    for (double tick = std::ceil(at.first_us() / unit.us / step) * step;
-         tick * unit.us <= at.first_us() + at.span_us() + 0.5; tick += step) {
-        const std::string x = number(at.x(tick * unit.us));
-        svg += "<line x1=\"" + x + "\" y1=\"" + number(top) + "\" x2=\"" + x + "\" y2=\"" +
-               number(at.bottom() + 5) + "\" stroke=\"#d8dde2\"/>\n";
+    for (auto i = static_cast<std::int64_t>(std::ceil(at.first_us() / unit.us / step)); i <= last; ++i) {
+        const double tick = static_cast<double>(i) * step;
+        svg += draw_tick_line(at, at.x(tick * unit.us));
         svg += text(at.x(tick * unit.us), at.bottom() + 18, "text-anchor=\"middle\" class=\"tick\"",
                     number(tick, decimals));
     }

@@ -229,14 +229,17 @@ std::unique_ptr<timing_log> allocate_log()
         return nullptr;
     }
     log->pool.reset(new (std::nothrow) kiv_tl_msg[pool_size]);
+    if (log->pool == nullptr) {
+        return nullptr;
+    }
     log->available.reset(g_async_queue_new());
     log->pending.reset(g_async_queue_new());
     log->available_msgs_queue = log->available.get();
     log->pending_msgs_queue = log->pending.get();
-    for (int i = 0; log->pool != nullptr && i < pool_size; ++i) {
+    for (int i = 0; i < pool_size; ++i) {
         push(log->available_msgs_queue, &log->pool[static_cast<std::size_t>(i)]);
     }
-    return log->pool != nullptr ? std::move(log) : nullptr;
+    return log;
 }
 
 // The rows that wait in the stream are written by the close.

@@ -1,5 +1,6 @@
-/* An application as a user of the installed library writes it; valid C11 and C++20. Started with the configuration
- * that comes with the tool, it uses what needs GLib, libxml2 and the threads behind the library. */
+/* An application as a user of the installed library writes it; valid C11 and C++20. Started with the
+ * configuration that comes with the tool, it uses what needs GLib, libxml2 and the threads behind the
+ * library. */
 #include <stdio.h>
 #include <string.h>
 #include <zol/zol.h>

@@ -206,7 +206,7 @@ bool stop_workers(stressWorker *workers)
 bool run_workers(stressWorker *workers, bool run_forever)
 {
     const bool created = create_workers(workers);
-    do {
+    do { // NOLINT(bugprone-infinite-loop): until the process is ended from outside
         kiv_thread_sleep(run_time_us);
     } while (run_forever);
     return created && stop_workers(workers);

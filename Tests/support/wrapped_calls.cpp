@@ -62,6 +62,9 @@ using zol_test::fake_gpio;
 #    define __wrap_fstat      __wrap_fstat64
 #    define __real_fcntl      __real_fcntl64
 #    define __wrap_fcntl      __wrap_fcntl64
+#    define __real_lseek      __real_lseek64
+#    define __wrap_lseek      __wrap_lseek64
+#    define __wrap___open_2   __wrap___open64_2
 #endif
 #define ALLOCATOR(name, parameters, arguments)                                                               \
     WRAPPED_IF(allocation_fails, void *, name, parameters, arguments, nullptr, ENOMEM)

@@ -1,4 +1,4 @@
-# How everything in this tree is compiled: link against zol_compile to get it.
+# Compiler options of the whole tree: targets link zol_compile to get them.
 
 add_library(zol_compile INTERFACE)
 
@@ -8,8 +8,8 @@ target_compile_options(zol_compile INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<CXX_COMPILER_ID:GNU>:-fstack-clash-protection>)
 
-# On 32-bit targets: files of any size and inode number. The public headers depend on the width of time_t, not on that
-# of off_t, so applications may decide otherwise.
+# Files of any size and inode number on 32-bit targets. The public headers depend on the width of time_t, but not on that of
+# off_t, so applications are free to choose.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_compile_definitions(zol_compile INTERFACE _FILE_OFFSET_BITS=64)
 endif()
@@ -18,7 +18,7 @@ target_link_options(zol_compile INTERFACE
     -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 
 if(ZOL_SANITIZE)
-    # The sanitizers check more than fortified calls do, and intercept the plain ones.
+    # The sanitizers check more than fortified calls do, and intercept only plain calls.
     target_compile_options(zol_compile INTERFACE
         -fsanitize=${ZOL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(zol_compile INTERFACE -fsanitize=${ZOL_SANITIZE})

@@ -1,8 +1,8 @@
-# What is installed, and where. The components are those of the packages:
+# Installed files and their places. Each package is a component:
 #   runtime      the shared library
-#   development  what an application is built with, and its manual
+#   development  headers, static library, examples and manual pages for applications
 #   kivtest      the tool, for the board
-#   kivboard     the virtual board and zol_timing, for the desk: the board needs neither them nor FUSE
+#   kivboard     the virtual board, its configuration and tokens, and zol_timing, for the PC
 
 include(CMakePackageConfigHelpers)
 
@@ -17,7 +17,7 @@ install(TARGETS zol_static EXPORT zol_static
     ARCHIVE COMPONENT development)
 install(DIRECTORY Include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
-# The CMake package. The static library asks for more than the shared one, so it is a component of its own.
+# The CMake package. The static library has more requirements than the shared one, so it is a component of its own.
 foreach(kind IN ITEMS shared static)
     install(EXPORT zol_${kind} NAMESPACE zol:: DESTINATION ${zol_package} FILE zol-${kind}.cmake COMPONENT development)
 endforeach()
@@ -27,8 +27,8 @@ write_basic_package_version_file(${zol_generated}/zol-config-version.cmake COMPA
 install(FILES ${zol_generated}/zol-config.cmake ${zol_generated}/zol-config-version.cmake
     DESTINATION ${zol_package} COMPONENT development)
 
-# zol_install_configured(<file> <directory> <component>): installs a file in which @zol_prefix@ and its like stand for
-# where things are installed. That is known at the time of the installation: cmake --install --prefix may move it.
+# zol_install_configured(<file> <directory> <component>): installs a file in which variables like @zol_prefix@ stand
+# for installed places. They are replaced at the installation, because cmake --install --prefix may change the places.
 function(zol_install_configured file directory component)
     get_filename_component(source ${file} ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
     get_filename_component(name ${file} NAME)
@@ -48,7 +48,7 @@ endfunction()
 
 zol_install_configured(cmake/libzol.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig development)
 
-# The tools. Outside of the system's places the tool finds the library next to itself.
+# The tools. Outside of /usr an RPATH leads the tool to the library beside it.
 if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     file(RELATIVE_PATH zol_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
     set_target_properties(kivtest PROPERTIES INSTALL_RPATH "$ORIGIN/${zol_from_tool}")
@@ -60,15 +60,21 @@ if(TARGET kivboard)
     install(FILES Conf/kiv_board.xml DESTINATION ${zol_data} COMPONENT kivboard)
 endif()
 
-# The tool's configuration and the tokens that it names; and an example for /etc/kiv, which is the administrator's:
-# nothing is ever installed there.
+# The configuration that the virtual board shows as /etc/kiv/conf.xml, its tokens, and examples for real boards. Nothing is
+# installed in /etc/kiv, which belongs to the administrator.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS Conf/kiv_test.xml)
 file(READ Conf/kiv_test.xml zol_configuration)
 string(REPLACE ">Conf/tokens<" ">@zol_datadir@/zol/tokens<" zol_configuration "${zol_configuration}")
 file(WRITE ${zol_generated}/kiv_test.xml.in "${zol_configuration}")
-zol_install_configured(${zol_generated}/kiv_test.xml.in ${zol_data} kivtest)
-install(DIRECTORY Conf/tokens DESTINATION ${zol_data} COMPONENT kivtest)
-install(FILES Conf/conf.xml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT runtime)
+zol_install_configured(${zol_generated}/kiv_test.xml.in ${zol_data} kivboard)
+install(DIRECTORY Conf/tokens DESTINATION ${zol_data} COMPONENT kivboard)
+install(FILES Conf/conf.xml Conf/header_40_pins.xml Packaging/zol-application.service
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT runtime)
+
+# The examples, in the package of the headers.
+string(REGEX REPLACE "/libzol0$" "/libzol-dev" zol_examples ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY Examples/ DESTINATION ${zol_examples}/examples COMPONENT development
+    FILES_MATCHING PATTERN *.c PATTERN *.cpp PATTERN *.play)
 
 # zol_completion(<component> <command>...)
 function(zol_completion component)
@@ -90,7 +96,7 @@ zol_manual(runtime kiv_conf.5)
 zol_manual(kivtest kivtest.exe.1)
 zol_manual(kivboard kivboard.1 zol_timing.1)
 
-# The pages on the library are made from the headers.
+# The manual pages of section 3 are made from the headers.
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_Interpreter_FOUND)
     file(GLOB zol_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/Include/zol/*.h)

@@ -1,5 +1,5 @@
-# Debian packages, one per component of the installation, for the architecture that the build is for. They want a build
-# for /usr; Scripts/package.sh makes one.
+# Debian packages, one per component of the installation, for the architecture of the build. The build must be
+# configured for /usr; Scripts/package.sh does that.
 
 set(ZOL_MAINTAINER "libzol developers <libzol@localhost>" CACHE STRING "Who answers for the packages")
 set(ZOL_TARGET_LIBRARIES "" CACHE PATH "Cross builds: where dpkg-shlibdeps finds the target's libraries")
@@ -8,9 +8,9 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libzol)
 set(CPACK_PACKAGE_VENDOR libzol)
 set(CPACK_PACKAGE_CONTACT ${ZOL_MAINTAINER})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # or it would head the description of every package
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # otherwise it would begin the description of every package
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_SET_DESTDIR ON) # so that what is written at the installation names the places on the user's machine
+set(CPACK_SET_DESTDIR ON) # files that the installation writes name the places on the user's machine
 set(CPACK_STRIP_FILES ON)
 set(CPACK_ZOL_STRIP ${CMAKE_STRIP})
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -60,10 +60,15 @@ message queues, timing logs, settings from XML, calibration tokens and
 levelled logging, behind a plain C interface.
 .
 This package contains the shared library.")
-zol_package(development libzol-dev libdevel "${zol_this}, libglib2.0-dev, libxml2-dev"
+# The static library needs the static GLib and libxml2, which need more than their packages depend on.
+string(REGEX MATCH "^[0-9]+" zol_compiler "${CMAKE_CXX_COMPILER_VERSION}")
+set(zol_static_needs libglib2.0-dev libxml2-dev liblzma-dev zlib1g-dev
+    "libstdc++-${zol_compiler}-dev | libstdc++-dev")
+list(JOIN zol_static_needs ", " zol_static_needs)
+zol_package(development libzol-dev libdevel "${zol_this}, ${zol_static_needs}"
 "hardware services for embedded Linux boards - development files
-Headers, the static library, the manual of section 3, and what pkg-config and
-CMake want to know, for applications in C and C++ that use libzol.")
+Headers, the static library, the manual of section 3, examples, and the files
+of pkg-config and CMake, for applications in C and C++ that use libzol.")
 zol_package(kivtest kivtest utils "${zol_this}"
 "command-line diagnostics of embedded Linux boards
 kivtest.exe reads and writes registers of I2C devices and runs test modules
@@ -73,10 +78,14 @@ zol_package(kivboard kivboard utils ""
 kivboard runs an unmodified program in a file system of its own, in which the
 device nodes of a board exist: I2C buses with register devices, and GPIO pins
 with interrupts that can be raised by hand. It needs FUSE and, for ordinary
-users, user namespaces.
+users, user namespaces. A configuration and calibration tokens for such
+programs come with it.
 .
 zol_timing makes pictures and waveforms of the timing logs of libzol.")
-set(CPACK_DEBIAN_KIVBOARD_PACKAGE_SUGGESTS kivtest)
+set(CPACK_DEBIAN_KIVBOARD_PACKAGE_SUGGESTS "kivtest, i2c-tools")
+foreach(relation IN ITEMS REPLACES BREAKS) # earlier versions had the configuration in kivtest
+    set(CPACK_DEBIAN_KIVBOARD_PACKAGE_${relation} "kivtest (<< ${PROJECT_VERSION})")
+endforeach()
 set(CPACK_DEBIAN_KIVTEST_PACKAGE_SUGGESTS kivboard)
 
 include(CPack)

@@ -1,4 +1,4 @@
-# Run by cpack between the installation and the packing: what Debian wants of the files.
+# cpack runs this between the installation and the packing. It makes the files comply with Debian's rules.
 
 file(GLOB_RECURSE pages ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/share/man/*)
 foreach(page IN LISTS pages)
@@ -7,7 +7,7 @@ foreach(page IN LISTS pages)
     endif()
 endforeach()
 
-# The debugging information of the shared files has gone; an archive keeps its symbols, which the linker needs.
+# The shared files are stripped already. The archive keeps its symbols, because the linker needs them.
 file(GLOB_RECURSE archives ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*.a)
 foreach(archive IN LISTS archives)
     execute_process(COMMAND ${CPACK_ZOL_STRIP} --strip-debug --enable-deterministic-archives ${archive}

@@ -1,5 +1,5 @@
-# A 32-bit ARM board with hardware floating point, Debian's armhf. The headers and libraries of the target are taken
-# from ZOL_SYSROOT (Scripts/arm.sh makes one); programs run on this machine through qemu-user, so tests do too.
+# A 32-bit ARM board with hardware floating point, Debian's armhf. ZOL_SYSROOT holds the headers and libraries of the
+# target; Scripts/arm.sh makes one. qemu-user runs the target's programs, and so its tests, on this machine.
 
 set(ZOL_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/target/sysroot CACHE PATH "Root file system of the target")
 get_filename_component(ZOL_SYSROOT ${ZOL_SYSROOT} ABSOLUTE)
@@ -11,7 +11,7 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 
-set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # notes on a change of the calling convention in GCC 7
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # no notes on the change of the calling convention in GCC 7
 
 set(CMAKE_SYSROOT ${ZOL_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -1,4 +1,4 @@
-// What threads of the application may still be using while the process exits must not be destroyed by then.
+// Static objects that threads may still use while the process exits.
 #pragma once
 
 namespace kiv

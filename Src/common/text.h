@@ -9,19 +9,19 @@
 namespace kiv
 {
 
-/// How a name shows in the log: a null one as "?!?".
+/// A name for the log: a null one shows as "?!?".
 inline const char *shown(const char *name) noexcept
 {
     return name != nullptr ? name : "?!?";
 }
 
-/// How an address shows in the log: as the number that it is.
+/// An address for the log, which shows it as a number.
 inline std::uintptr_t number_of(const void *address) noexcept
 {
     return reinterpret_cast<std::uintptr_t>(address);
 }
 
-/// A null text where an empty one serves.
+/// Replaces a null text by an empty one.
 inline const char *or_empty(const char *text) noexcept
 {
     return text != nullptr ? text : "";

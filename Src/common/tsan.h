@@ -1,7 +1,6 @@
-// What ThreadSanitizer has to be told. GLib's locks work below what it watches, so it cannot see that a queue
-// of GLib's orders what one thread did to a record before it pushed it and what another does after it popped
-// it. Nor does it watch locks that are waited for by the steady clock. All of this costs nothing in other
-// builds.
+// Annotations for ThreadSanitizer. It does not see GLib's locks, so it does not know that a push to a queue of
+// GLib happens before the pop. Nor does it watch timed locks of the steady clock. In other builds all of this
+// costs nothing.
 #pragma once
 
 #if defined(__SANITIZE_THREAD__)
@@ -35,7 +34,7 @@ inline void take_over([[maybe_unused]] void *record) noexcept
 #endif
 }
 
-/// Around an attempt to take a lock with a limit. @return What the attempt returned: whether it is held.
+/// Around an attempt to take a lock with a limit. @return The attempt's own answer: true when the lock is held.
 template <typename Attempt>
 bool took_lock([[maybe_unused]] void *lock, Attempt attempt)
 {

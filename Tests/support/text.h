@@ -1,4 +1,4 @@
-// What tests look for in texts and files.
+// Searches in texts and files.
 #pragma once
 
 #include <filesystem>

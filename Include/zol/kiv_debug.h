@@ -16,8 +16,9 @@
  * | 3     | INF1 | green  | detail: entry and exit of calls, values found | 3                       |
  * | 4     | INF2 | green  | fine detail: each look-up, each buffer        | 4                       |
  *
- * Any thread may log at any time, holding any lock; one message is never torn by another. Logging allocates
- * nothing and preserves errno. Failures of the output streams are ignored.
+ * Any thread may log at any time, holding any lock, and so may a forked child; one message is never torn by
+ * another. A thread that is cancelled while it logs finishes its message first. Logging allocates nothing and
+ * preserves errno. Failures of the output streams are ignored.
  *
  * @code
  *     KIV_LOG_PRNT("sensor %d answers with 0x%02x\n", index, value);
@@ -40,7 +41,7 @@ extern KIV_API uint32_t g_debugLevel;
 /** A value of g_debugLevel that shows every level. */
 #define KIV_DEBUG_LEVEL_ALL 10
 
-/** What each level's message format begins with. The two conversions take the function name and the line. */
+/** The prefixes of the message formats. The two conversions take the function name and the line. */
 #define KIV_LOG_PREFIX_ERRR "\033[31m[ERRR][   KIV   ]%35s %4d : \033[0m" /**< level 1 */
 #define KIV_LOG_PREFIX_PRNT "\033[32m[PRNT][   KIV   ]%35s %4d : \033[0m" /**< level 2 */
 #define KIV_LOG_PREFIX_INF1 "\033[32m[INF1][   KIV   ]%35s %4d : \033[0m" /**< level 3 */
@@ -68,7 +69,7 @@ KIV_API void _kiv_block_print(int level, const char *format, ...) KIV_PRINTF_LIK
 #define KIV_LOG_INF2(...) KIV_LOG_FROM_LEVEL_(4, KIV_LOG_PREFIX_INF2, __VA_ARGS__) /**< fine detail */
 /** @} */
 
-/** What a failed KIV_ASSERT names as its source. The build of a module may define something shorter. */
+/** The source that a failed KIV_ASSERT names. The build of a module may define something shorter. */
 #ifndef KIV_SOURCE_PATH
 #    define KIV_SOURCE_PATH __FILE__
 #endif
@@ -91,8 +92,8 @@ KIV_API int32_t kiv_debug_init(void);
 KIV_API int32_t kiv_debug_deinit(void);
 
 /*
- * How an entry puts function and line between its text and the text's arguments. The text comes as the first
- * of the variable arguments, so that a text without arguments stays strict ISO C11; counting tells the two
+ * These macros put function and line between a text and its arguments. The text is the first of the variable
+ * arguments, so that a text without arguments is strict ISO C11. Counting the arguments tells the two cases
  * apart.
  */
 #define KIV_LOG_FROM_LEVEL_(level, prefix, ...)                                                              \

@@ -20,11 +20,12 @@
  * The root may have any name. A section is the first element of its name found depth-first from "devices" on,
  * a parameter the first of its name from its section on; what follows later in the file is searched too, so a
  * parameter that its section lacks is taken from a later section. A value is the text in the parameter's
- * element, up to its first child element. Attributes do not count.
+ * element, up to its first child element. Attributes do not count. The names "text" and "comment" are those of
+ * the parser's own nodes: no section and no parameter can have them.
  *
  * Numbers are read as hexadecimal with "0x", else as decimal, else as bare hexadecimal: "0x1F" is 31, "010"
- * is 10, "ff" is 255, "-3" is -3. Text that begins with a number counts as that number. What does not fit 32
- * bits is not a number.
+ * is 10, "ff" is 255, "-3" is -3. Text that begins with a number counts as that number. A number that does not
+ * fit 32 bits is refused in every reading: "0x100000000" is not a number.
  *
  * Look-ups may run on any number of threads while the file is loaded; they allocate nothing.
  *
@@ -46,7 +47,7 @@ struct _xmlDoc; /* libxml2's document; include libxml/tree.h to look inside */
  * Loads the configuration file; see zol_init(), which calls it. A loaded configuration is kept as it is.
  * @param configFile  Must stay valid until kiv_config_deinit().
  * @retval 1   Loaded, now or before.
- * @retval 0   The file exists but could not be loaded: no XML, or nothing named "devices" in it.
+ * @retval 0   The file exists but could not be loaded: no XML, nothing named "devices" in it, or no memory.
  * @retval -1  The file cannot be examined, or it does not exist and the chooser script names no other.
  */
 KIV_API int32_t kiv_config_init(const char *configFile);
@@ -95,11 +96,11 @@ KIV_API int32_t kiv_atoi(const char *str, int32_t *out);
  * @name XML documents
  * For files of the application's own. A document belongs to the caller, who frees it with kiv_xml_delete();
  * different documents may be used on different threads. Errors in the XML are tolerated as far as the parser
- * can; the first is logged at ERRR.
+ * can; the first is logged at ERRR. A document that lost parts because memory ran out is not returned.
  * @{
  */
 
-/** Reads a document from a file. @return The document, or null when there is none to be had. */
+/** Reads a document from a file. @return The document, or null; the log gives the reason. */
 KIV_API struct _xmlDoc *kiv_xml_allocateFromFile(const char *path);
 
 /** Reads a document from @p size bytes of memory, which the caller may free then. @return As above. */

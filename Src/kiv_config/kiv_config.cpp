@@ -10,10 +10,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "common/number.h"
+#include "common/owner.h"
 #include "common/text.h"
+#include "kiv_debug/log_as.h"
 #include "xml_tree.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
@@ -38,44 +39,47 @@ struct config_store {
 
 config_store g_kiv_config;
 
-struct pipe_closer {
-    void operator()(FILE *pipe) const noexcept { pclose(pipe); }
-};
+const char *missing_part() noexcept
+{
+    return g_kiv_config.doc == nullptr    ? "is no complete XML document"
+           : g_kiv_config.root == nullptr ? "has no root element"
+                                          : "has no node named \"devices\"";
+}
 
 int32_t _kiv_config_open_file(const char *path)
 {
     {
-        const kiv::xml::parse_report report(path);
-        g_kiv_config.doc =
-            xmlReadFile(path, nullptr, XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NONET);
+        const kiv::xml::parse_report report(path, kiv::call_site::here());
+        g_kiv_config.doc = report.complete(
+            xmlReadFile(path, nullptr, XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NONET));
     }
     g_kiv_config.root = g_kiv_config.doc != nullptr ? xmlDocGetRootElement(g_kiv_config.doc) : nullptr;
     g_kiv_config.devices = _kiv_config_getElement(g_kiv_config.root, "devices", "");
-    const bool complete = g_kiv_config.devices != nullptr; // and so root and doc
-    KIV_ASSERT(complete);
-    if (!complete) {
+    if (!KIV_HOLDS(g_kiv_config.devices != nullptr)) { // nor then a root or a document
         KIV_LOG_ERRR("can't open file %s\n", path);
+        KIV_LOG_ERRR("%s %s\n", path, missing_part());
+        return not_loaded;
     }
-    return complete ? loaded : not_loaded;
+    return loaded;
 }
 
-// Where the board has several configurations, a script tells which is the right one for it.
-int32_t open_chosen_file(const char *missing_file)
+// A script names the configuration of a board that has several.
+int32_t open_chosen_file(const char *missing_file, kiv::call_site site)
 {
     char chosen[256] = "";
     {
-        const std::unique_ptr<FILE, pipe_closer> output(popen(chooser_script, "re"));
+        const kiv::owner<FILE, pclose> output(popen(chooser_script, "re"));
         if (output == nullptr || std::fscanf(output.get(), "%255s", chosen) != 1) {
-            KIV_LOG_ERRR("no configuration: %s does not exist and %s names no other\n", missing_file,
-                         chooser_script);
+            KIV_LOG_AT(site, ERRR, "no configuration: %s does not exist and %s names no other\n",
+                       missing_file, chooser_script);
             return not_examined;
         }
     }
-    KIV_LOG_PRNT("reading file %s\n", chosen);
+    KIV_LOG_AT(site, PRNT, "reading file %s\n", chosen);
     return _kiv_config_open_file(chosen);
 }
 
-int32_t load(const char *path)
+int32_t load(const char *path, kiv::call_site site)
 {
     struct stat status = {};
     if (path != nullptr && stat(path, &status) == 0) {
@@ -83,20 +87,20 @@ int32_t load(const char *path)
     }
     const int error = path != nullptr ? errno : EFAULT;
     if (error == ENOENT) {
-        return open_chosen_file(path);
+        return open_chosen_file(path, site);
     }
-    KIV_LOG_ERRR("can't examine file %s: errno %d\n", kiv::shown(path), error);
+    KIV_LOG_AT(site, ERRR, "can't examine file %s: errno %d\n", kiv::shown(path), error);
     return not_examined;
 }
 
-// What the parameter's first child holds, whatever kind of node it is; null when it holds nothing.
-const char *value_of(const xmlNode *parameter, const char *section, const char *name)
+// A parameter's value is the content of its first child, whatever kind of node that is. Null: no content.
+const char *value_of(const xmlNode *parameter, const char *section, const char *name, kiv::call_site site)
 {
     if (parameter->children == nullptr) {
         return "";
     }
     const char *const value = kiv::xml::text_of(parameter->children->content);
-    KIV_LOG_INF1("getting parameter: (%s).(%s) = (%s)\n", section, name, kiv::shown(value));
+    KIV_LOG_AT(site, INF1, "getting parameter: (%s).(%s) = (%s)\n", section, name, kiv::shown(value));
     return value;
 }
 
@@ -105,7 +109,8 @@ const char *_kiv_config_fetch_data(const char *section, const char *id, const ch
     KIV_LOG_INF2("getting data (%s) from (%s) - start\n", kiv::shown(param), kiv::shown(section));
     xmlNode *const section_node = _kiv_config_getElement(g_kiv_config.devices, section, id);
     const xmlNode *const param_node = _kiv_config_getElement(section_node, param, id);
-    const char *const value = param_node != nullptr ? value_of(param_node, section, param) : nullptr;
+    const char *const value =
+        param_node != nullptr ? value_of(param_node, section, param, kiv::call_site::here()) : nullptr;
     KIV_LOG_INF2("getting data (%s) from (%s) - end\n", kiv::shown(param), kiv::shown(section));
     return value;
 }
@@ -134,8 +139,10 @@ int32_t kiv_config_init(const char *configFile)
         return loaded;
     }
     g_kiv_config.configFile = configFile;
-    const int32_t result = load(configFile);
-    KIV_ASSERT(result == loaded);
+    const int32_t result = load(configFile, kiv::call_site::here());
+    if (!KIV_HOLDS(result == loaded)) {
+        KIV_LOG_ERRR("no configuration from %s: result %d\n", kiv::shown(configFile), result);
+    }
     g_kiv_config.initialized = result >= not_loaded ? 1 : 0;
     return result;
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "common/text.h"
+#include "kiv_debug/log_as.h"
 #include "xml_tree.h"
 #include "zol/kiv_config.h"
 #include "zol/kiv_debug.h"
@@ -21,12 +22,14 @@ namespace
 // Blank text stays in the tree; nothing is fetched from a network.
 constexpr int parser_options = XML_PARSE_RECOVER | XML_PARSE_NONET;
 
-// Finds the element that a scan is about.
-int32_t find_element(xmlDoc *doc, const char *name, xmlNode *&element)
+int32_t find_element(xmlDoc *doc, const char *name, xmlNode *&element, kiv::call_site site)
 {
     xmlNode *const root = doc != nullptr ? xmlDocGetRootElement(doc) : nullptr;
-    KIV_ASSERT(root != nullptr && name != nullptr);
-    if (root == nullptr || name == nullptr) {
+    if (!KIV_HOLDS_AT(site, root != nullptr && name != nullptr)) {
+        KIV_LOG_AT(site, ERRR, "no element %s: %s\n", shown(name),
+                   doc == nullptr    ? "no document"
+                   : root == nullptr ? "no root element"
+                                     : "no name");
         return KIV_ERR_INVALID_PARAM;
     }
     element = _kiv_config_getElement(root, name, "");
@@ -38,11 +41,11 @@ bool has_text(xmlNode *node)
     return xmlIsBlankNode(node) == 0 && node->content != nullptr;
 }
 
-const char *element_text(const xmlNode *element)
+const char *element_text(const xmlNode *element, kiv::call_site site)
 {
     for (xmlNode *child = element->children; child != nullptr; child = child->next) {
         if (has_text(child)) {
-            KIV_LOG_PRNT(" element %s=%s\n", shown(text_of(child->name)), text_of(child->content));
+            KIV_LOG_AT(site, PRNT, " element %s=%s\n", shown(text_of(child->name)), text_of(child->content));
             return text_of(child->content);
         }
     }
@@ -54,14 +57,15 @@ const xmlChar *value_of(const xmlAttr *attribute)
     return attribute->children != nullptr ? attribute->children->content : nullptr;
 }
 
-const char *attribute_text(const xmlNode *element, const char *name)
+const char *attribute_text(const xmlNode *element, const char *name, kiv::call_site site)
 {
     // Only elements have the list of attributes: other nodes end before it.
     const xmlAttr *attribute = element->type == XML_ELEMENT_NODE ? element->properties : nullptr;
     for (; attribute != nullptr; attribute = attribute->next) {
         const xmlChar *const value = value_of(attribute);
         if (value != nullptr && xmlStrcmp(attribute->name, kiv::xml::to_xml(name)) == 0) {
-            KIV_LOG_PRNT(" found attribute %s.%s = \"%s\"\n", text_of(element->name), name, text_of(value));
+            KIV_LOG_AT(site, PRNT, " found attribute %s.%s = \"%s\"\n", text_of(element->name), name,
+                       text_of(value));
             return text_of(value);
         }
     }
@@ -72,18 +76,24 @@ const char *attribute_text(const xmlNode *element, const char *name)
 
 struct _xmlDoc *kiv_xml_allocateFromFile(const char *path)
 {
-    const kiv::xml::parse_report report(shown(path));
-    xmlDoc *const doc = path != nullptr ? xmlReadFile(path, nullptr, parser_options) : nullptr;
-    KIV_ASSERT(doc != nullptr);
+    const kiv::xml::parse_report report(shown(path), kiv::call_site::here());
+    xmlDoc *const doc =
+        path != nullptr ? report.complete(xmlReadFile(path, nullptr, parser_options)) : nullptr;
+    if (!KIV_HOLDS(doc != nullptr)) {
+        KIV_LOG_ERRR("no XML document from file %s\n", shown(path));
+    }
     return doc;
 }
 
 struct _xmlDoc *kiv_xml_allocate(const char *buffer, int size)
 {
-    const kiv::xml::parse_report report("memory");
-    xmlDoc *const doc =
-        buffer != nullptr ? xmlReadMemory(buffer, size, nullptr, nullptr, parser_options) : nullptr;
-    KIV_ASSERT(doc != nullptr);
+    const kiv::xml::parse_report report("memory", kiv::call_site::here());
+    xmlDoc *const doc = buffer != nullptr
+                            ? report.complete(xmlReadMemory(buffer, size, nullptr, nullptr, parser_options))
+                            : nullptr;
+    if (!KIV_HOLDS(doc != nullptr)) {
+        KIV_LOG_ERRR("no XML document from %d bytes of memory\n", size);
+    }
     return doc;
 }
 
@@ -96,13 +106,15 @@ int32_t kiv_xml_delete(struct _xmlDoc *doc)
 int32_t kiv_xml_scanElementContent(struct _xmlDoc *doc, const char *element, const char *format, ...)
 {
     xmlNode *node = nullptr;
-    KIV_ASSERT(format != nullptr);
-    const int32_t status = format != nullptr ? find_element(doc, element, node) : KIV_ERR_INVALID_PARAM;
+    if (!KIV_HOLDS(format != nullptr)) {
+        return KIV_ERR_INVALID_PARAM;
+    }
+    const int32_t status = find_element(doc, element, node, kiv::call_site::here());
     if (status != KIV_OK) {
         return status;
     }
     KIV_LOG_INF1("element (%s) content(%s)\n", text_of(node->name), shown(text_of(node->content)));
-    const char *const text = element_text(node);
+    const char *const text = element_text(node, kiv::call_site::here());
     va_list arguments;
     va_start(arguments, format);
     std::vsscanf(text, format, arguments);
@@ -114,13 +126,14 @@ int32_t kiv_xml_scanAttribute(struct _xmlDoc *doc, const char *element, const ch
                               const char *format, ...)
 {
     xmlNode *node = nullptr;
-    const bool complete = attribute != nullptr && format != nullptr;
-    KIV_ASSERT(complete);
-    const int32_t status = complete ? find_element(doc, element, node) : KIV_ERR_INVALID_PARAM;
+    if (!KIV_HOLDS(attribute != nullptr && format != nullptr)) {
+        return KIV_ERR_INVALID_PARAM;
+    }
+    const int32_t status = find_element(doc, element, node, kiv::call_site::here());
     if (status != KIV_OK) {
         return status;
     }
-    const char *const text = attribute_text(node, attribute);
+    const char *const text = attribute_text(node, attribute, kiv::call_site::here());
     va_list arguments;
     va_start(arguments, format);
     std::vsscanf(text, format, arguments);

@@ -1,5 +1,5 @@
-// Foreign bytes as a configuration file, as an XML document and as numbers: whatever they are, nothing
-// crashes, hangs or leaks, and what is returned is one of the documented results.
+// Foreign bytes as a configuration file, as an XML document and as numbers. They may not make the library crash,
+// hang or leak, and every result is a documented one.
 
 #include <sys/mman.h>
 #include <unistd.h>

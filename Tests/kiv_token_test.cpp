@@ -37,7 +37,7 @@ protected:
     zol_test::scratch_directory scratch_;
 };
 
-TEST_F(Tokens, WhatIsThereIsRead)
+TEST_F(Tokens, ReadsTokensUpToTheCallersSize)
 {
     const struct {
         const char *name;
@@ -50,18 +50,16 @@ TEST_F(Tokens, WhatIsThereIsRead)
     for (const auto &[name, size, room, read] : cases) {
         char buffer[] = "###############";
         uint32_t got = 99;
-        EXPECT_EQ(kiv_token_isExist(name), KIV_OK);
-        EXPECT_EQ(kiv_token_getSize(name, &got), KIV_OK);
-        EXPECT_EQ(got, size);
+        EXPECT_TRUE(kiv_token_isExist(name) == KIV_OK && kiv_token_getSize(name, nullptr) == KIV_OK);
+        EXPECT_TRUE(kiv_token_getSize(name, &got) == KIV_OK && got == size) << name << got;
+        EXPECT_EQ(kiv_token_getData(name, buffer, room, nullptr), KIV_OK);
         EXPECT_EQ(kiv_token_getData(name, buffer, room, &got), KIV_OK);
         EXPECT_EQ(got, std::min(size, room));
         EXPECT_STREQ(buffer, read);
-        EXPECT_EQ(kiv_token_getData(name, buffer, room, nullptr), KIV_OK);
-        EXPECT_EQ(kiv_token_getSize(name, nullptr), KIV_OK);
     }
 }
 
-TEST_F(Tokens, WhatIsNotThereIsRefusedByAllRequests)
+TEST_F(Tokens, RefusesMissingTokensAndFilesWithoutBytes)
 {
     ASSERT_EQ(mkfifo((scratch_.path() / "FIFO").c_str(), 0600), 0);
     const std::string too_long(64, 'n');
@@ -79,7 +77,7 @@ TEST_F(Tokens, WhatIsNotThereIsRefusedByAllRequests)
     }
 }
 
-TEST_F(Tokens, DirectoryComesFromTheConfigurationAndPathsHold63Characters)
+TEST_F(Tokens, LimitsPathsTo63Characters)
 {
     const std::string fitting(63 - std::strlen(g_tokensPath) - 1, 'f');
     scratch_.write(fitting, "x");
@@ -88,25 +86,20 @@ TEST_F(Tokens, DirectoryComesFromTheConfigurationAndPathsHold63Characters)
     EXPECT_EQ(kiv_token_isExist(fitting.c_str()), KIV_OK);
     EXPECT_EQ(kiv_token_isExist((fitting + "f").c_str()), KIV_ERR_OPEN);
     EXPECT_TRUE(log.has("ERRR", "not enough space provided by the user 64 / 64"));
+    EXPECT_TRUE(log.texts("ERRR").back().ends_with("its path has at most 63 characters"));
     kiv_token_deinit();
-    EXPECT_STREQ(g_tokensPath, "");
     EXPECT_EQ(kiv_token_isExist("no such token"), KIV_ERR_OPEN);
-    EXPECT_TRUE(log.has("INF2", "open file: /no such token (nil)"))
-        << "at the root while there is no directory";
-    EXPECT_TRUE(log.has("PRNT", "isExist(no such token)"));
-
-    EXPECT_EQ(kiv_token_init(), KIV_ERR_SYSTEM) << "no configuration is loaded";
+    EXPECT_TRUE(log.has("INF2", "open file: /no such token (nil)")) << "without a directory: at the root";
     const std::string path = "<systemTokensPath>" + std::string(80, 'p') + "</systemTokensPath>";
     ASSERT_EQ(kiv_config_init(scratch_.write("conf.xml", zol_test::configuration(path)).c_str()), 1);
     EXPECT_EQ(kiv_token_init(), KIV_OK);
     EXPECT_EQ(g_tokensPath, std::string(63, 'p'));
-    EXPECT_TRUE(log.has("PRNT", "systemTokensPath (" + std::string(63, 'p') + ")"));
     kiv_config_deinit();
 }
 
-TEST_F(Tokens, EveryFailureOnTheWayIsReported)
+TEST_F(Tokens, ReportsEveryFailedCall)
 {
-    const zol_test::sweep_result result = zol_test::sweep_faults([]() -> std::string {
+    const int failures = zol_test::handled_failures([] {
         log_capture log;
         char buffer[16] = "";
         uint32_t size = 0;
@@ -114,11 +107,9 @@ TEST_F(Tokens, EveryFailureOnTheWayIsReported)
         int32_t worst = std::min(kiv_token_isExist("CAL"), kiv_token_getSize("CAL", &size));
         worst = std::min(worst, kiv_token_getData("CAL", buffer, sizeof buffer, &read));
         const bool complete = size == 10 && read == 10;
-        return (worst == KIV_OK) == zol_test::failed_call().empty() && (worst < 0 || complete) ? ""
-                                                                                               : "unreported";
+        return (worst == KIV_OK) == zol_test::failed_call().empty() && (worst < 0 || complete);
     });
-    EXPECT_EQ(result.complaints, "");
-    EXPECT_GE(result.failures, 12) << "open, fstat, fdopen of each, and their reads";
+    EXPECT_GE(failures, 12) << "open, fstat, fdopen of each, and their reads";
 }
 
 } // namespace

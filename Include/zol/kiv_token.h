@@ -52,7 +52,7 @@ KIV_API int32_t kiv_token_getSize(const char *name, uint32_t *size);
  * @retval KIV_OK                 @p buf and @p readBytes are set.
  * @retval KIV_ERR_OPEN           There is no such token.
  * @retval KIV_ERR_SYSTEM         Reading failed on the way; one ERRR line says so, @p buf may be filled in
- * part.
+ *                                part.
  * @retval KIV_ERR_INVALID_PARAM  @p buf is null and @p size is not 0.
  */
 KIV_API int32_t kiv_token_getData(const char *name, void *buf, size_t size, uint32_t *readBytes);

@@ -8,25 +8,22 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
-#include <memory>
 
+#include "common/owner.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
+#include "kiv_debug/log_as.h"
 #include "zol/kiv_config.h"
 #include "zol/kiv_debug.h"
+#include "zol/kiv_services.h"
 #include "zol/kiv_status.h"
-#include "zol/zol.h"
 
 char g_tokensPath[64];
 
 namespace
 {
 
-struct file_closer {
-    void operator()(FILE *file) const noexcept { std::fclose(file); }
-};
-
-using unique_file = std::unique_ptr<FILE, file_closer>;
+using unique_file = kiv::owner<FILE, std::fclose>;
 
 // A directory opens but holds no bytes; a FIFO would block the caller until somebody writes.
 bool holds_bytes(int fd) noexcept
@@ -53,8 +50,9 @@ unique_file _kiv_tokens_openFile(const char *name)
     char path[64];
     const bool fits =
         name != nullptr && kiv_snprintf(path, sizeof path, "%s/%s", g_tokensPath, name) == KIV_OK;
-    KIV_ASSERT(fits);
-    if (!fits) {
+    if (!KIV_HOLDS(fits)) {
+        KIV_LOG_ERRR("no token %s in %s: its path has at most 63 characters\n", kiv::shown(name),
+                     g_tokensPath);
         return nullptr;
     }
     unique_file file = open_file(path);
@@ -66,10 +64,10 @@ unique_file _kiv_tokens_openFile(const char *name)
 
 int32_t kiv_token_init(void)
 {
-    const bool configured =
-        kiv_config_get_param("general", "", "systemTokensPath", g_tokensPath, sizeof g_tokensPath) == 1;
-    KIV_ASSERT(configured);
-    if (!configured) {
+    const int32_t found =
+        kiv_config_get_param("general", "", "systemTokensPath", g_tokensPath, sizeof g_tokensPath);
+    if (!KIV_HOLDS(found == 1)) {
+        KIV_LOG_ERRR("general.systemTokensPath is missing\n");
         return KIV_ERR_SYSTEM;
     }
     KIV_LOG_PRNT("systemTokensPath (%s)\n", g_tokensPath);
@@ -108,8 +106,7 @@ int32_t kiv_token_getSize(const char *name, uint32_t *size)
 int32_t kiv_token_getData(const char *name, void *buf, size_t size, uint32_t *readBytes)
 {
     KIV_LOG_PRNT("getData(%s)\n", kiv::shown(name));
-    KIV_ASSERT(buf != nullptr || size == 0);
-    if (buf == nullptr && size != 0) {
+    if (!KIV_HOLDS(buf != nullptr || size == 0)) {
         return KIV_ERR_INVALID_PARAM;
     }
     const unique_file file = _kiv_tokens_openFile(name);

@@ -7,12 +7,20 @@
  *
  *     create -> start -> any number of sendMsg -> stop (which joins) -> delete
  *
- * Any thread may send to a worker at any time between create and delete. Creating, starting, stopping,
- * joining and deleting one object is for one thread at a time. Time-outs are in microseconds.
+ * A worker that was stopped, or that has ended by itself, may be started again. Any thread may send to a worker,
+ * or join it, at any time between create and delete. Creating, starting, stopping and deleting one object is for
+ * one thread at a time, and it is deleted when no other call on it is left. Time-outs are in microseconds.
  *
- * Who owns a message: the caller, until a send has returned KIV_OK; then the worker, which frees it once it
- * is handled. A message whose send failed is still the caller's. Messages that a worker leaves in its queue
+ * A message is the caller's until a send has returned KIV_OK. From then on it is the worker's, which frees it once
+ * it is handled. A message whose send failed is still the caller's. Messages that a worker leaves in its queue
  * when it ends, or that are there when the object is deleted, are freed.
+ *
+ * A forked child has no worker of its parent's: every call on one answers at once, with KIV_ERR_STATE where it
+ * returns a status. The child may delete the object and create it anew.
+ *
+ * The thread of a worker bears the first 15 characters of its name. Threads and queues are GLib's, which ends the
+ * process when it has no memory for one of its own records: creating a worker, starting it and sending to it take
+ * some. What this module itself allocates is checked, and answered with the status given below.
  *
  * @code
  *     static int32_t handle(kiv_thread *thread, kiv_message *msg)
@@ -50,7 +58,7 @@ struct _GAsyncQueue; /* GLib's queue between threads */
 /** Handled by calling the handler, after which the worker ends. kiv_thread_stop() sends it. */
 #define KIV_MSG_ID_EXIT 2
 
-/** What the handler gets when no message came in time: the same record each time, its pData the text
+/** The message that the handler gets when none came in time: the same record each time, its pData the text
  * "timeout". */
 #define KIV_MSG_ID_TIMEOUT 3
 
@@ -67,18 +75,20 @@ typedef struct kiv_message {
 
 typedef struct kiv_thread kiv_thread;
 
-/** Handles one message, on the worker's thread, holding no lock. It never frees the message. It must not stop
- * or join its own worker, nor send to it synchronously: these are refused.
- *  @return 0 to go on; anything else ends the worker after this message. */
+/** Handles one message, on the worker's thread, holding no lock. It never frees the message. It must not stop,
+ *  start or join its own worker, nor send to it synchronously: these are refused. If it ends its thread, or the
+ *  thread is cancelled in it, the worker ends, and the sender that waits for the message is told KIV_ERR_STATE.
+ *  @return 0 to go on; anything else ends the worker after this message. A msgId that it has changed to
+ *          KIV_MSG_ID_EXIT ends the worker too. */
 typedef int32_t (*kiv_thread_handler)(kiv_thread *thread, kiv_message *msg);
 
-/** What a worker is made from. */
+/** The parameters of a new worker. */
 typedef struct kiv_thread_params {
     char name[64];              /**< at least 2 characters; shows in the log */
     uint32_t priority;          /**< 0 to 3; kept, but every worker runs at normal priority */
     kiv_thread_handler handler; /**< not null */
-    int32_t timeout; /**< how long to wait for a message until the handler gets the time-out message;
-                          negative: no limit. Read before every wait: the handler may change it. */
+    int32_t timeout; /**< how long to wait for a message until the handler gets the time-out message; -1: no
+                          limit; below: not at all. Read before every wait: the handler may change it. */
     void *userData;  /**< the caller's, carried untouched */
 } kiv_thread_params;
 
@@ -117,11 +127,12 @@ KIV_API int32_t kiv_thread_create_default(kiv_thread *thread, const char *name, 
                                           void *userData);
 
 /**
- * Starts a worker.
+ * Starts a worker, also one that was stopped or has ended by itself; a thread of it that nobody has joined is
+ * joined first. Messages that were sent before the first start are handled now.
  * @retval KIV_OK                 It runs.
  * @retval KIV_ERR_SYSTEM         It runs already, or the system has no thread to give; it then counts as
- * running, without a worker, until it is deleted.
- * @retval KIV_ERR_STATE          It has run, and its queue is closed: delete it and create it anew.
+ *                                running, without a worker, until it is deleted.
+ * @retval KIV_ERR_STATE          The calling thread is the worker's own, or the object was made before a fork.
  * @retval KIV_ERR_INVALID_PARAM  A null argument, or an object without a queue.
  */
 KIV_API int32_t kiv_thread_start(kiv_thread *thread);
@@ -130,10 +141,10 @@ KIV_API int32_t kiv_thread_start(kiv_thread *thread);
  * Sends a message. With isSync set, returns when the handler has returned from it.
  * @retval KIV_OK                 The message is queued (handled, if synchronous) and no longer the caller's.
  * @retval KIV_ERR_INVALID_PARAM  A null argument, a sizeBytes below the record's, or an object without a
- * queue.
+ *                                queue.
  * @retval KIV_ERR_NO_MEMORY      No memory for a synchronous send.
  * @retval KIV_ERR_STATE          The worker has ended, also while the message was waiting for it; or a
- * synchronous send to a worker that was not started, or by the worker itself.
+ *                                synchronous send to a worker that was not started, or by the worker itself.
  */
 KIV_API int32_t kiv_thread_sendMsg(kiv_thread *thread, kiv_message *msg);
 
@@ -147,9 +158,13 @@ KIV_API int32_t kiv_thread_sendMsg(kiv_thread *thread, kiv_message *msg);
  */
 KIV_API int32_t kiv_thread_stop(kiv_thread *thread);
 
-/** Waits until a worker has ended.
- *  @retval KIV_OK It is joined. @retval KIV_ERR_STATE It was never started, is joined already, or is the
- * calling thread. @retval KIV_ERR_INVALID_PARAM A null argument. */
+/**
+ * Waits until a worker has ended. Several threads may wait, and one may stop the worker meanwhile: all return
+ * KIV_OK. A thread that waits here, or in kiv_thread_stop(), is cancelled only afterwards.
+ * @retval KIV_OK                 It is joined.
+ * @retval KIV_ERR_STATE          It was never started, is joined already, or is the calling thread.
+ * @retval KIV_ERR_INVALID_PARAM  A null argument.
+ */
 KIV_API int32_t kiv_thread_join(kiv_thread *thread);
 
 /** Releases the queue of a worker that was stopped; null is fine. A worker that still runs is reported.
@@ -159,7 +174,7 @@ KIV_API int32_t kiv_thread_delete(kiv_thread *thread);
 /** Lets the calling thread sleep, at least @p us microseconds. */
 KIV_API void kiv_thread_sleep(uint32_t us);
 
-/** 1 from the start of a worker until it ends, else 0. */
+/** 1 from the start of a worker until it ends, else 0; 0 too in a forked child of the process that started it. */
 KIV_API int32_t kiv_thread_isRunning(kiv_thread *thread);
 
 /**

@@ -7,6 +7,17 @@
  * threads may log, and never wait: a call costs a queue pop, a look at the clock, the formatting of its note,
  * and a queue push. Any number of logs may be open.
  *
+ * Rows reach the file when the writer has nothing left to write, at most every 10 ms; under load, 64 KiB at a
+ * time. So a killed process loses some 10 ms of rows at most while its writer keeps up. exit() writes what was
+ * logged before, for which it waits up to 2 seconds; the stop row is written by kiv_tl_deinit() alone.
+ *
+ * A log is the process's that opened it. In a forked child kiv_tl() skips events, with one ERRR line, and
+ * kiv_tl_deinit() leaves the file as it is.
+ *
+ * The writer is a thread "kiv_tl" that takes no signals. Threads and queues are GLib's, which ends the process
+ * when it has no memory for one of its own records: kiv_tl_init() takes some. What this module itself allocates
+ * is checked: kiv_tl_init() then returns null.
+ *
  * @code
  *     static kiv_tl_map_entry lanes[] = {
  *         {.event_id = 1, .label = "rx"}, {.event_id = 2, .label = "tx"}, {.event_id = -1}};
@@ -34,7 +45,7 @@ KIV_EXTERN_C_BEGIN
 struct _GThread;
 struct _GAsyncQueue;
 
-/** What an event does to its lane: the values of kiv_tl(). */
+/** The values of kiv_tl(): the effect of an event on its lane. */
 #define KIV_TL_PULSE 0 /**< shows high for an instant; the level stays */
 #define KIV_TL_LOW   1 /**< low from now on */
 #define KIV_TL_HIGH  2 /**< high from now on */
@@ -43,7 +54,8 @@ struct _GAsyncQueue;
  * returns. */
 typedef struct kiv_tl_map_entry {
     int32_t event_id;         /**< the caller's, unique; -1, -2 and -3 are taken */
-    const char *label;        /**< title of the column */
+    const char *label;        /**< title of the column; a comma, a quote or a line end in it breaks the file's
+                                   header, and is reported */
     int32_t state;            /**< the log's: the lane's level, 1 low or 2 high */
     struct timeval last_time; /**< the log's: when its last event was */
 } kiv_tl_map_entry;
@@ -80,7 +92,7 @@ KIV_API kiv_tl_ctx *kiv_tl_init(const char *name, kiv_tl_map_entry *map);
  * line.
  * @param ctx       An open log: anything else ends the process.
  * @param event_id  One of the map's; another makes rows without cells. -1, -2 and -3 are refused with an ERRR
- * line.
+ *                  line.
  * @param value     KIV_TL_PULSE, KIV_TL_LOW or KIV_TL_HIGH; others are refused with an ERRR line.
  * @param format    A printf-style note of at most 127 characters, or null.
  */

@@ -5,7 +5,7 @@
 #include <charconv>
 #include <cstring>
 
-#include "zol/kiv_debug.h"
+#include "kiv_debug/log_as.h"
 
 namespace kiv
 {
@@ -29,17 +29,40 @@ timeval since(const timeval &start, const timeval &stamp) noexcept
 void csv_writer::make_room(std::size_t size) noexcept
 {
     if (block_size - used_ < size) {
-        flush();
+        end_event(); // a row of very many lanes
     }
+}
+
+void csv_writer::fail() noexcept
+{
+    if (!failed_) {
+        failed_ = true;
+        KIV_LOG_AS("kiv_tl_worker_thread", ERRR, "can't write %s: errno %d; what follows is lost\n",
+                   file_name_, errno);
+    }
+}
+
+void csv_writer::end_row() noexcept
+{
+    make_room(1);
+    block_[used_++] = '\n';
+}
+
+void csv_writer::end_event() noexcept
+{
+    if (!failed_ && std::fwrite(block_.data(), 1, used_, stream_) != used_) {
+        fail();
+    }
+    used_ = 0;
+    is_flushed_ = failed_;
 }
 
 void csv_writer::flush() noexcept
 {
-    if (!failed_ && std::fwrite(block_.data(), 1, used_, stream_) != used_) {
-        failed_ = true;
-        KIV_LOG_ERRR("can't write %s: errno %d; what follows is lost\n", file_name_, errno);
+    if (!failed_ && std::fflush(stream_) != 0) {
+        fail();
     }
-    used_ = 0;
+    is_flushed_ = true;
 }
 
 // "%ld.%06ld,"

@@ -1,4 +1,4 @@
-// The file of a timing log: rows are put together in a buffer and go to the stream in large blocks.
+// The file of a timing log: rows go to a stream with a large buffer.
 #pragma once
 
 #include <sys/time.h>
@@ -6,7 +6,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdio>
-#include <span>
 
 #include "zol/kiv_timinglog.h"
 
@@ -23,6 +22,9 @@ constexpr int32_t t2v(int32_t index, int32_t state) noexcept
 }
 
 /// Used by one thread. A failing stream is reported once; what follows is dropped.
+///
+/// The rows of an event are collected in a block, which end_event() hands to the stream in one call. So the stream is
+/// locked once per event, and a flush by exit() writes whole rows.
 class csv_writer
 {
 public:
@@ -32,26 +34,25 @@ public:
     void time_cell(const timeval &time) noexcept;
     void lane_cell(int32_t value) noexcept;
     void empty_cells(std::size_t count) noexcept;
-    void end_row() noexcept { put('\n'); }
+    void end_row() noexcept;
+    void end_event() noexcept;
 
-    /// Hands what is buffered to the stream.
+    /// Hands what the stream holds to the system.
     void flush() noexcept;
+    [[nodiscard]] bool is_flushed() const noexcept { return is_flushed_; }
 
 private:
-    static constexpr std::size_t block_size = 65'536;
+    static constexpr std::size_t block_size = 4096;
     static constexpr std::size_t longest_cell = 48;
 
     void make_room(std::size_t size) noexcept;
-    void put(char c) noexcept
-    {
-        make_room(1);
-        block_[used_++] = c;
-    }
+    void fail() noexcept;
 
     FILE *stream_;
     const char *file_name_;
     std::size_t used_ = 0;
     bool failed_ = false;
+    bool is_flushed_ = true;
     std::array<char, block_size> block_;
 };
 

@@ -36,19 +36,30 @@
  * most PIPE_BUF (4,096) bytes is there at once; a longer one may arrive in pieces. One event is read either
  * this way or by kiv_events_wait_for(), not both.
  *
- * **Handles** are looked up among the live groups and events before they are used: one that was deleted, or
- * never was one, is refused with KIV_ERR_INVALID_PARAM, whatever its value. A handle shows in the log as the
- * number that it is.
+ * **Handles** are looked up among the live groups and events before they are used: a stale or
+ * invalid one is refused with KIV_ERR_INVALID_PARAM, whatever its value. A deleted handle does not come back
+ * as that of a newer group or event until 1,024 others of its kind have been deleted after it; the module keeps
+ * up to so many records for this (some 300 bytes each, 200 on 32 bits). A handle shows in the log as the number
+ * that it is.
  *
  * **Names** need not be unique. Of several events of one name the newest one of the newest group that has one
  * is found. Names are kept up to 63 characters; an event whose name was longer is found by the 63 kept.
  *
  * **Threads.** All operations may be called on all threads at once, also while others wait or are blocked in
  * a notification; notifications of one event come through as whole records, one after another, whatever their
- * size. One thing is the caller's to avoid: deleting an event while another thread is inside a call on it (a
- * notifier that is blocked in it gets SIGPIPE, at the best).
- * Two waiters that are woken by the same record race for it; the loser's entry does not fire, and an ERRR
- * line says that there was no record left. Descriptors are closed on exec; a forked child shares them.
+ * size. Two waiters that are woken by the same record race for it; the loser's entry does not fire, and an ERRR
+ * line says that there was no record left.
+ *
+ * An event may be deleted while other threads use it. Notifications that are blocked in it and waits for it
+ * end at once with KIV_ERR_INVALID_PARAM and one ERRR line. The deletion does not wait for them: a callback
+ * that is running at that moment may go on after it.
+ *
+ * **Processes.** Descriptors are closed on exec. A forked child has its own copy of the registry and shares the
+ * pipes of the events that exist by then: a record that one process sends may be read by the other. Between the
+ * two only records of at most PIPE_BUF bytes (payloads of 4,088) are sure to arrive whole, and only one of them
+ * should read an event. Deleting such an event in the child leaves the parent's alone; while the parent lives,
+ * it does not end what other threads of the child are doing with the event. Events that the child creates are
+ * its own and work as usual. In the child no call is held up by what other threads were doing at the fork.
  *
  * All operations that take a handle or a name return KIV_ERR_INVALID_PARAM, after an ERRR line, where it
  * stands for no live group or event. Groups and events outlive kiv_events_deinit().
@@ -68,9 +79,10 @@ typedef struct kiv_event_item kiv_event_item;   /**< an event; from create until
 /**
  * Sees each notification of an enabled event first, on the notifying thread. Other notifications of the same
  * event wait meanwhile. The callback may notify its own event, and events without a callback; two events
- * whose callbacks notify each other would wait for each other. It must not delete the event.
- * @param container  The last record that was sent, header and all; null before the first. Good until the
- *                   callback returns or notifies.
+ * whose callbacks notify each other would wait for each other. It may delete the event, and should then return
+ * 0: the notification can no longer be sent.
+ * @param container  The last record that was sent, header and all, and zeros behind it; null before the first.
+ *                   Good until the callback returns or notifies.
  * @param payload    The notifier's bytes, @p size of them.
  * @param userArg    What the notifier passed.
  * @return 0 when the notification is taken care of and nothing is to be sent; anything else sends it.
@@ -125,7 +137,7 @@ KIV_API int32_t kiv_events_delete_group(kiv_event_group *group);
 KIV_API int32_t kiv_events_create_event(const char *name, kiv_events_notify_cb notify_cb,
                                         kiv_event_group *group, kiv_event_item **out);
 
-/** Deletes an event, and with it the notifications that nobody has taken.
+/** Deletes an event, and with it the notifications that nobody has taken. Calls that are using it end.
  *  @retval KIV_OK It is gone. @retval KIV_ERR_INVALID_PARAM No live event. */
 KIV_API int32_t kiv_events_delete_event(kiv_event_item *item);
 
@@ -144,11 +156,13 @@ KIV_API int32_t kiv_events_status_dump(void);
 
 /**
  * Sends a payload to an event. Waits while the event's pipe is full, without limit. Steady traffic allocates
- * nothing: the event keeps room for the largest record so far.
+ * nothing: until it is deleted, the event keeps room for the largest record that was ever sent to it. On the
+ * waiters' side room is kept for payloads of up to 64 KiB.
  * @param payload  @p size bytes; may be null if @p size is 0.
  * @param userArg  For the event's callback only.
  * @retval KIV_OK                 Sent, or taken by the callback, or dropped because the event is disabled.
- * @retval KIV_ERR_INVALID_PARAM  No live event, a null payload with a size, or a size above 4,294,967,287.
+ * @retval KIV_ERR_INVALID_PARAM  No live event, or it was deleted during the call; a null payload with a size,
+ *                                or a size above 4,294,967,287.
  * @retval KIV_ERR_NO_MEMORY      No memory for the record.
  * @retval KIV_ERR_SYSTEM         The pipe could not be written.
  */
@@ -167,20 +181,23 @@ KIV_API int32_t kiv_events_notify_by_name(const char *name, const void *payload,
 KIV_API int32_t kiv_events_get_event_fd(const char *name, int32_t *out);
 
 /**
- * Waits until at least one of some events has been notified, then takes one record of each that has.
- * @param entries    The events and the buffers. An entry that did not fire is as it was; only where a record
- * was torn by foreign bytes, part of it may be in the buffer.
+ * Waits until at least one of some events has been notified, then takes one record of each that has. While a
+ * long record arrives in pieces, the other events are served.
+ * @param entries    The events and the buffers. An entry that did not fire is unchanged, except that its
+ *                   buffer may hold a part of a record that was lost.
  * @param timeoutUs  The limit in microseconds, of which whole milliseconds count: below 1,000 the call looks
  *                   once and does not wait. 0 or less: no limit.
  * @retval KIV_OK                 See which entries have fired. All reads may have failed, each with an ERRR
- * line.
- * @retval KIV_ERR_TIMEOUT        Nothing came in time. A record longer than PIPE_BUF that had come in part is
- * kept and delivered, whole, by a later wait.
+ *                                line.
+ * @retval KIV_ERR_TIMEOUT        Nothing came in time. The part of a record longer than PIPE_BUF that has come
+ *                                is kept, and the record delivered, whole, by a later wait. If there is no
+ *                                memory to keep it, the record is lost, and an ERRR line says so.
  * @retval KIV_ERR_INVALID_PARAM  An entry names no live event or has room but no buffer, @p entries is null,
- * or @p count 0. Nothing was taken.
+ *                                or @p count 0; nothing was taken. Or an event was deleted during the call,
+ *                                and nothing was delivered of the others.
  * @retval KIV_ERR_NO_MEMORY      No memory to wait on more than 64 events. Nothing was taken.
  * @retval KIV_ERR_SYSTEM         The system refused to wait, as it does on more events than a process may
- * have descriptors.
+ *                                have descriptors, or for want of memory. Nothing was taken.
  */
 KIV_API int32_t kiv_events_wait_for(kiv_event_wait_entry *entries, uint32_t count, int32_t timeoutUs);
 

@@ -1,10 +1,8 @@
-// How long a call may still wait.
+// The time that a call may still wait.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
-
-#include "common/tsan.h"
 
 namespace kiv
 {
@@ -23,7 +21,7 @@ public:
     /// The whole limit as poll() takes it: milliseconds, or -1.
     [[nodiscard]] int milliseconds() const noexcept { return ms_; }
 
-    /// What is left of it as poll() takes it, rounded up.
+    /// The rest of it as poll() takes it, rounded up.
     [[nodiscard]] int remaining() const noexcept
     {
         if (ms_ <= 0) {
@@ -32,20 +30,6 @@ public:
         using std::chrono::milliseconds;
         const auto left = std::chrono::ceil<milliseconds>(end_ - std::chrono::steady_clock::now());
         return left > milliseconds::zero() ? static_cast<int>(left.count()) : 0;
-    }
-
-    /// Takes a lock within the limit. @return Whether it is held.
-    template <typename Lock>
-    [[nodiscard]] bool take(Lock &lock) const
-    {
-        if (ms_ < 0) {
-            lock.lock();
-            return true;
-        }
-        if (lock.try_lock() || ms_ == 0) {
-            return lock.owns_lock();
-        }
-        return took_lock(lock.mutex()->native_handle(), [&] { return lock.try_lock_until(end_); });
     }
 
 private:

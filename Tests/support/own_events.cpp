@@ -4,8 +4,7 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
+#include <random>
 
 #include "zol/kiv_status.h"
 
@@ -34,23 +33,45 @@ kiv_event_item *own_events::create(const std::string &name, kiv_events_notify_cb
     return item;
 }
 
-void own_events::remove(kiv_event_item *item)
+void own_events::remove(kiv_event_item *item, const char *name)
 {
-    EXPECT_EQ(kiv_events_delete_event(item), KIV_OK);
+    EXPECT_EQ(name != nullptr ? kiv_events_delete_event_by_name(name) : kiv_events_delete_event(item),
+              KIV_OK);
     std::erase(items_, item);
+}
+
+delivery delivered(const std::string &payload)
+{
+    return {KIV_OK, 1, payload};
+}
+
+const delivery nothing = {KIV_ERR_TIMEOUT, 0, ""};
+
+std::vector<delivery> wait_for_any(const std::vector<std::string> &names, uint32_t room, int32_t timeout_us)
+{
+    constexpr char untouched = '\xA5';
+    std::vector<std::string> buffers(names.size(), std::string(room + 16, untouched));
+    std::vector<kiv_event_wait_entry> entries;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        entries.push_back({names[i].c_str(), 0, room > 0 ? buffers[i].data() : nullptr, room, 77});
+    }
+    const int32_t status =
+        kiv_events_wait_for(entries.data(), static_cast<uint32_t>(names.size()), timeout_us);
+    std::vector<delivery> deliveries;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const auto &[name, fired, data, size, actual_size] = entries[i];
+        const std::size_t got = fired != 0 ? actual_size : 0;
+        EXPECT_TRUE(fired != 0 || actual_size == 77);
+        const bool may_be_torn = status == KIV_OK && fired == 0;
+        EXPECT_EQ(buffers[i].find_first_not_of(untouched, may_be_torn ? room : got), std::string::npos);
+        deliveries.push_back({status, fired, buffers[i].substr(0, got)});
+    }
+    return deliveries;
 }
 
 delivery wait_for(const std::string &name, uint32_t room, int32_t timeout_us)
 {
-    constexpr char untouched = '\xA5';
-    std::string buffer(room + 16, untouched);
-    kiv_event_wait_entry entry = {name.c_str(), 0, room > 0 ? buffer.data() : nullptr, room, 77};
-    const int32_t status = kiv_events_wait_for(&entry, 1, timeout_us);
-    const std::size_t got = entry.fired != 0 ? entry.actual_sz : 0;
-    EXPECT_TRUE(entry.fired != 0 || entry.actual_sz == 77);
-    const bool was_cut_off = status == KIV_OK && entry.fired == 0; // a part of a record may be in the buffer
-    EXPECT_EQ(buffer.find_first_not_of(untouched, was_cut_off ? room : got), std::string::npos);
-    return {status, entry.fired, buffer.substr(0, got)};
+    return wait_for_any({name}, room, timeout_us)[0];
 }
 
 int32_t notify(kiv_event_item *item, const std::string &payload)
@@ -75,22 +96,9 @@ int bytes_in(const std::string &name)
 std::string pattern(std::size_t size, unsigned seed)
 {
     std::string bytes(size, '\0');
-    unsigned state = seed + 1;
-    std::generate(bytes.begin(), bytes.end(), [&state] {
-        state = state * 1'664'525 + 1'013'904'223;
-        return static_cast<char>(state >> 24);
-    });
+    std::minstd_rand next(seed + 1);
+    std::generate(bytes.begin(), bytes.end(), [&next] { return static_cast<char>(next() >> 16); });
     return bytes;
-}
-
-std::string printed(const char *format, ...)
-{
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    return text;
 }
 
 } // namespace zol_test

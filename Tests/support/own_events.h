@@ -1,4 +1,4 @@
-// Events that go with their owner, and what tests do with them.
+// Events that are deleted with their owner, and short forms of the calls on them.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@
 namespace zol_test
 {
 
-/// A group of events that are deleted with it.
+/// A group, and events in it. The destructor deletes all of them.
 class own_events
 {
 public:
@@ -21,7 +21,8 @@ public:
 
     /// Makes an enabled event.
     kiv_event_item *create(const std::string &name, kiv_events_notify_cb notify_cb = nullptr);
-    void remove(kiv_event_item *item);
+    /// @param name  If given, deletes it by its name.
+    void remove(kiv_event_item *item, const char *name = nullptr);
 
     [[nodiscard]] kiv_event_group *group() const { return group_; }
 
@@ -38,21 +39,23 @@ struct delivery {
     bool operator==(const delivery &) const = default;
 };
 
+delivery delivered(const std::string &payload);
+extern const delivery nothing; // came in time
+
 constexpr int32_t no_limit = 0;
 
-/// Waits for one event with so much room for its payload. What is not to be written to is watched over.
+/// Waits for events, with the same room for the payload of each. Checks that nothing else is written to.
+std::vector<delivery> wait_for_any(const std::vector<std::string> &names, uint32_t room,
+                                   int32_t timeout_us = no_limit);
 delivery wait_for(const std::string &name, uint32_t room = 64, int32_t timeout_us = no_limit);
 
 int32_t notify(kiv_event_item *item, const std::string &payload);
 
-/// The descriptor of an event, and how many bytes are ready there.
+/// The descriptor of an event, and how many bytes can be read from it.
 int fd_of(const std::string &name);
 int bytes_in(const std::string &name);
 
-/// Bytes that no two long payloads have in the same places.
+/// Pseudo-random bytes.
 std::string pattern(std::size_t size, unsigned seed = 0);
-
-/// A text as printf() writes it.
-std::string printed(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace zol_test

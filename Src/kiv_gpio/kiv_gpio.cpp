@@ -1,245 +1,122 @@
-// The pin table, and the operations on pins.
+// The operations on pins, the module's start and stop, and forks.
 //
-// One mutex guards the table and all records; the listener holds it during a pass, callbacks included. Who
-// wants something from the listener takes his turn first, and so does the stop: thus nobody ever waits for a
+// One mutex guards the table and all records; the listener holds it during a pass, callbacks included. A
+// caller that talks to the listener takes its turn first, and so does the stop: nobody ever waits for a
 // listener that is about to end.
 
-#include <unistd.h>
+#include <pthread.h>
 
-#include <algorithm>
-#include <cinttypes>
-#include <cstring>
-#include <iterator>
+#include <atomic>
 #include <new>
 
-#include "common/call_trace.h"
-#include "common/intrusive_list.h"
-#include "common/log_as.h"
-#include "gpio.h"
+#include "common/cancellation.h"
+#include "kiv_debug/call_trace.h"
+#include "kiv_debug/log_as.h"
+#include "pin_table.h"
 #include "zol/kiv_config.h"
-#include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 
-using kiv::call_trace;
+using kiv::call_site;
 using kiv::scoped_lock;
 using namespace kiv::gpio;
-
-constinit gpio_db g_gpio_db;
 
 namespace
 {
 
-constexpr uint32_t all_ones = UINT32_MAX; // in the fields of a registration that is no more
-
-// Taken before any other lock: one at a time talks with the listener or stops it.
+// Taken before any other lock: one caller at a time talks to the listener or stops it.
 kiv::mutex g_turn;
 
 // Serialises start and stop.
 kiv::mutex g_lock;
-int g_module_instialized; // atomic; changed holding g_lock, and back to 0 only holding g_turn as well
-pid_t g_owner;            // atomic; the process that has the listener: after a fork() the child has none
+std::atomic<int> g_module_instialized; // changes holding g_lock, and back to 0 only holding g_turn as well
 
-int g_simulation; // atomic
+std::atomic<int> g_simulation;
 
-bool is_initialized() noexcept
+// The frame of a public operation: its lines in the log, and no cancellation while it holds locks.
+class public_call
 {
-    return __atomic_load_n(&g_module_instialized, __ATOMIC_ACQUIRE) != 0 &&
-           __atomic_load_n(&g_owner, __ATOMIC_RELAXED) == getpid();
-}
-
-void set_initialized(bool on) noexcept
-{
-    __atomic_store_n(&g_owner, getpid(), __ATOMIC_RELAXED);
-    __atomic_store_n(&g_module_instialized, on ? 1 : 0, __ATOMIC_RELEASE);
-}
-
-// A callback holds the table's mutex by way of the listener, which would wait for itself.
-bool is_refused_here(const char *operation)
-{
-    if (is_listener()) {
-        KIV_LOG_AS(operation, ERRR, "not to be called from a callback\n");
-        return true;
+public:
+    explicit public_call(call_site site = call_site::here()) noexcept
+        : site_(site), trace_(site.line, site.function)
+    {
     }
-    return false;
-}
 
-// What needs the listener cannot be done without it.
-bool is_refused_now(const char *operation, int gpio) KIV_REQUIRES(g_turn)
-{
-    if (!is_initialized()) {
-        KIV_LOG_AS(operation, ERRR, "Module is not initialized, gpio %d\n", gpio);
-        return true;
-    }
-    return false;
-}
+    [[nodiscard]] call_site site() const noexcept { return site_; }
 
-gpio_item *__gpio_item_find(int gpio) KIV_REQUIRES(g_gpio_db.lock)
-{
-    for (const GList *place = g_gpio_db.items; place != nullptr; place = place->next) {
-        auto *const item = static_cast<gpio_item *>(place->data);
-        if (item != nullptr && item->gpio == gpio) {
-            return item;
+    // A callback holds the table's mutex by way of the listener, which would wait for itself.
+    [[nodiscard]] bool is_refused() const
+    {
+        const bool is_callback = is_listener();
+        if (is_callback) {
+            KIV_LOG_AT(site_, ERRR, "not to be called from a callback\n");
         }
+        return is_callback;
     }
-    return nullptr;
-}
 
-int32_t report_not_allocated(const char *operation)
-{
-    KIV_LOG_AS(operation, ERRR, "Failed to find the gpio - gpio is not allocated.\n");
-    return KIV_ERR_INVALID_PARAM;
-}
+private:
+    kiv::cancellation_off no_cancellation_;
+    call_site site_;
+    kiv::call_trace trace_;
+};
 
-// An operation on one pin, done holding the table's mutex.
+// Runs an operation on one pin, holding the table's mutex.
 template <typename Operation>
-int32_t do_with_pin(const char *name, int gpio, Operation operation)
+int32_t do_with_pin(const public_call &call, int gpio, Operation operation)
 {
-    if (is_refused_here(name)) {
+    if (call.is_refused()) {
         return KIV_ERR_STATE;
     }
     const scoped_lock lock(g_gpio_db.lock);
-    gpio_item *const item = __gpio_item_find(gpio);
-    return item != nullptr ? operation(*item) : report_not_allocated(name);
+    gpio_item *const item = find_or_report(call.site(), gpio);
+    return item != nullptr ? operation(*item) : KIV_ERR_INVALID_PARAM;
 }
 
-// An operation that ends in talking with the listener.
-template <typename Operation>
-int32_t do_in_turn(const char *name, int gpio, Operation operation)
+// @return True, after a line in the log, when there is no listener to talk to.
+bool lacks_listener(call_site site, int gpio) KIV_REQUIRES(g_turn)
 {
-    if (is_refused_here(name)) {
+    const bool is_initialized = g_module_instialized != 0;
+    if (!is_initialized) {
+        KIV_LOG_AT(site, ERRR, "Module is not initialized, gpio %d\n", gpio);
+    } else if (is_listener_lost()) {
+        KIV_LOG_AT(site, ERRR, "The listener has ended, gpio %d\n", gpio);
+    }
+    return !is_initialized || is_listener_lost();
+}
+
+// Runs an operation on one pin that talks to the listener: the caller has its turn meanwhile, so that nobody
+// else frees the pin.
+template <typename Operation>
+int32_t do_in_turn(const public_call &call, int gpio, Operation operation)
+{
+    if (call.is_refused()) {
         return KIV_ERR_STATE;
     }
     const scoped_lock turn(g_turn);
-    return is_refused_now(name, gpio) ? KIV_ERR_STATE : operation();
-}
-
-void __gpio_item_free(gpio_item *item)
-{
-    close_nodes(*item);
-    delete item;
-}
-
-struct item_freer {
-    void operator()(gpio_item *item) const { __gpio_item_free(item); }
-};
-
-using unique_item = std::unique_ptr<gpio_item, item_freer>;
-
-// A record with a copy of the name, and nothing open. Null when there is no memory.
-unique_item make_item(int gpio, const char *name)
-{
-    const std::size_t size = std::strlen(name) + 1;
-    unique_item item(new (std::nothrow) gpio_item());
-    if (item) {
-        std::fill(std::begin(item->fds), std::end(item->fds), -1);
-        item->name.reset(new (std::nothrow) char[size]);
+    gpio_item *pin = nullptr;
+    {
+        const scoped_lock lock(g_gpio_db.lock);
+        pin = find_or_report(call.site(), gpio);
     }
-    if (!item || !item->name) {
-        return nullptr;
+    if (pin == nullptr) {
+        return KIV_ERR_INVALID_PARAM;
     }
-    std::memcpy(item->name.get(), name, size);
-    item->gpio = gpio;
-    item->kind = __atomic_load_n(&g_simulation, __ATOMIC_RELAXED) != 0 ? &simulated_pin : &board_pin;
-    return item;
-}
-
-// The nodes that an allocated pin has open, and what is said where one of them could not be opened.
-constexpr struct {
-    fd_type type;
-    const char *what;
-} nodes_of_a_pin[] = {{set_level, "set level"}, {get_level, "get level"}, {irq, "irq"}};
-
-int32_t open_nodes(gpio_item &item)
-{
-    for (const auto &[type, what] : nodes_of_a_pin) {
-        if (const int32_t status = open_node(item, type); status != KIV_OK) {
-            KIV_LOG_AS("kiv_gpio_request", ERRR, "failed opening %s for gpio %d\n", what, item.gpio);
-            return status;
-        }
-    }
-    return KIV_OK;
+    return lacks_listener(call.site(), gpio) ? KIV_ERR_STATE : operation(*pin);
 }
 
 // A board without a name is worth a line, but no reason not to register.
-void check_configuration()
+void check_configuration(call_site site)
 {
     char config_name[64] = {};
-    const bool is_configured =
-        kiv_config_get_param("general", "", "configName", config_name, sizeof config_name) == 1;
-    KIV_ASSERT(is_configured);
-}
-
-int32_t open_interrupt_nodes(gpio_item &item)
-{
-    for (const fd_type type : {irq, irqmask, irqrequest, irqconfig}) {
-        if (const int32_t status = open_node(item, type); status != KIV_OK) {
-            KIV_LOG_AS("kiv_gpio_register_callback", ERRR, "failed opening irq for gpio %d\n", item.gpio);
-            return status;
-        }
+    if (!KIV_HOLDS_AT(
+            site, kiv_config_get_param("general", "", "configName", config_name, sizeof config_name) == 1)) {
+        KIV_LOG_AT(site, ERRR, "the key \"configName\" is missing in the section \"general\"\n");
     }
-    return KIV_OK;
 }
 
-void set_callback(gpio_item &item, kiv_gpio_cbk cbk, uintptr_t user_data, int level_edge)
-    KIV_REQUIRES(g_gpio_db.lock)
+// The kind that a pin is to have when it is allocated now.
+const pin_kind &kind_of(int gpio) KIV_REQUIRES(g_gpio_db.lock)
 {
-    item.cbk = cbk;
-    item.user_data = user_data;
-    item.level_edge = level_edge;
-    item.pending = 0;
-    item.failures = 0;
-    item.idle_wakeups = 0;
-    item.is_given_up = false;
-    g_gpio_db.is_poll_set_stale = true;
-}
-
-void clear_callback(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
-{
-    set_callback(item, nullptr, all_ones, static_cast<int>(all_ones));
-    item.edge_cfg = item.level_cfg = static_cast<int>(all_ones);
-}
-
-int32_t add_callback(gpio_item &item, int level_edge, kiv_gpio_cbk cbk, uintptr_t user_data)
-    KIV_REQUIRES(g_gpio_db.lock)
-{
-    if (const int32_t status = open_interrupt_nodes(item); status != KIV_OK) {
-        return status;
-    }
-    if (item.cbk != nullptr) {
-        KIV_LOG_AS("kiv_gpio_register_callback", ERRR, "Callback already registered.\n");
-        return KIV_ERR_INVALID_PARAM;
-    }
-    set_callback(item, cbk, user_data, level_edge);
-    enable_interrupt(item);
-    return KIV_OK;
-}
-
-int32_t remove_callback(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
-{
-    if (item.cbk == nullptr) {
-        KIV_LOG_AS("kiv_gpio_unregister_callback", ERRR, "There is no callback registered for this gpio.\n");
-        return KIV_ERR_INVALID_PARAM;
-    }
-    clear_callback(item);
-    return KIV_OK;
-}
-
-// Takes a pin out of the table. The listener forgets it at its next pass.
-gpio_item *take_out(int gpio)
-{
-    const scoped_lock lock(g_gpio_db.lock);
-    gpio_item *const item = __gpio_item_find(gpio);
-    if (item != nullptr) {
-        g_gpio_db.items = g_list_remove_link(g_gpio_db.items, &item->place);
-        g_gpio_db.is_poll_set_stale |= item->is_in_poll_set;
-    }
-    return item;
-}
-
-void put_back(gpio_item &item)
-{
-    const scoped_lock lock(g_gpio_db.lock);
-    kiv::prepend(g_gpio_db.items, item, item.place);
+    return g_simulation != 0 ? simulated_pin : is_chip_line(gpio) ? chip_line : board_pin;
 }
 
 // The board decides what an input is.
@@ -248,74 +125,101 @@ int32_t check_direction(gpio_item &)
     return KIV_OK;
 }
 
-void __gpio_item_dump(const gpio_item &item)
+// A fork() must not wait for a callback, so it does not take the mutex that the listener holds. It does not
+// have to: links and registrations change under fork_lock only, and the child has no other thread.
+void before_fork() KIV_ACQUIRE(g_gpio_db.fork_lock)
 {
-    static constexpr char line[] =
-        "-------------------------------------------------------------------------\n";
-    KIV_LOG_INF1("%s", line);
-    KIV_LOG_INF1("GPIO no.%d : %15s\n", item.gpio, item.name.get());
-    KIV_LOG_INF1("%s", line);
-    if (item.is_input != 0) {
-        KIV_LOG_INF1("input, \t\t\tflags=0x%08x\n", item.input_flags);
-    } else if (item.is_output != 0) {
-        KIV_LOG_INF1("output, \t\tf\tlags=0x%08x, value=0x08%x\n", item.output_flags, item.output_value);
+    g_gpio_db.fork_lock.lock();
+}
+
+void after_fork_in_parent() KIV_RELEASE(g_gpio_db.fork_lock)
+{
+    g_gpio_db.fork_lock.unlock();
+}
+
+void after_fork_in_child() KIV_RELEASE(g_gpio_db.fork_lock)
+{
+    g_gpio_db.fork_lock.unlock();
+    new (&g_turn) kiv::mutex();
+    new (&g_lock) kiv::mutex();
+    if (!is_listener()) { // else a callback has forked, and this thread releases the lock when it returns
+        new (&g_gpio_db.lock) kiv::mutex();
     }
-    KIV_LOG_INF1("cbk\t\t:0x%08" PRIxPTR ", \t\tuser_data=0x%08" PRIxPTR "\n",
-                 reinterpret_cast<uintptr_t>(item.cbk), item.user_data);
-    KIV_LOG_INF1("level_edge\t:0x%08x\n", static_cast<unsigned>(item.level_edge));
-    KIV_LOG_INF1("edge_cfg=\t:0x%08x, \t\tlevel_cfg=0x%08x\n", static_cast<unsigned>(item.edge_cfg),
-                 static_cast<unsigned>(item.level_cfg));
+    g_module_instialized = 0;
+    forget_listener();
+}
+
+bool prepare_for_forks(call_site site) KIV_REQUIRES(g_lock)
+{
+    static bool is_prepared = false;
+    if (!is_prepared) {
+        is_prepared = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
+    }
+    if (!is_prepared) {
+        KIV_LOG_AT(site, ERRR, "Failed to register the handlers of fork\n");
+    }
+    return is_prepared;
+}
+
+int32_t start(call_site site)
+{
+    const scoped_lock lock(g_lock);
+    if (g_module_instialized != 0) {
+        KIV_LOG_AT(site, ERRR, "module initialized already\n");
+        return KIV_ERR_STATE;
+    }
+    if (!prepare_for_forks(site)) {
+        return KIV_ERR_NO_MEMORY;
+    }
+    const int32_t status = start_listener(site);
+    g_module_instialized = status == KIV_OK ? 1 : 0;
+    return status;
 }
 
 } // namespace
 
 int32_t kiv_gpio_init(void)
 {
-    const call_trace trace;
-    if (is_refused_here(__func__)) {
+    const public_call call;
+    if (call.is_refused()) {
         return KIV_ERR_STATE;
     }
-    const scoped_lock lock(g_lock);
-    if (is_initialized()) {
-        KIV_LOG_ERRR("module initialized already\n");
-        return KIV_ERR_STATE;
+    const int32_t status = start(call.site());
+    if (status == KIV_OK) {
+        const scoped_lock lock(g_gpio_db.lock);
+        find_chips(call.site());
     }
-    if (g_module_instialized != 0) { // in the parent
-        forget_listener();
-    }
-    const int32_t status = start_listener();
-    set_initialized(status == KIV_OK);
     return status;
 }
 
 int32_t kiv_gpio_deinit(void)
 {
-    const call_trace trace;
-    if (is_refused_here(__func__)) {
+    const public_call call;
+    if (call.is_refused()) {
         return KIV_ERR_STATE;
     }
     const scoped_lock turn(g_turn);
-    if (!is_initialized()) {
+    if (g_module_instialized == 0) {
         KIV_LOG_ERRR("Trying to deinitialize uninitialized module\n");
         return KIV_ERR_STATE;
     }
-    join_listener();
+    join_listener(call.site());
     const scoped_lock lock(g_lock);
-    release_listener();
-    set_initialized(false);
+    release_listener(call.site());
+    g_module_instialized = 0;
     return KIV_OK;
 }
 
 int32_t kiv_gpio_set_simulator_mode(int on)
 {
-    __atomic_store_n(&g_simulation, on != 0 ? 1 : 0, __ATOMIC_RELAXED);
+    g_simulation = on != 0 ? 1 : 0;
     return KIV_OK;
 }
 
 int32_t kiv_gpio_request(int gpio, const char *name)
 {
-    const call_trace trace;
-    if (is_refused_here(__func__)) {
+    const public_call call;
+    if (call.is_refused()) {
         return KIV_ERR_STATE;
     }
     if (name == nullptr) {
@@ -323,40 +227,36 @@ int32_t kiv_gpio_request(int gpio, const char *name)
         return KIV_ERR_INVALID_PARAM;
     }
     const scoped_lock lock(g_gpio_db.lock);
-    unique_item item = make_item(gpio, name);
-    KIV_ASSERT(item != nullptr);
-    if (!item) {
+    unique_item item = make_item(gpio, name, kind_of(gpio));
+    if (!KIV_HOLDS(item != nullptr)) {
         return KIV_ERR_NO_MEMORY;
     }
-    if (const int32_t status = open_nodes(*item); status != KIV_OK) {
-        return status;
+    const int32_t status = item->kind->open(call.site(), *item);
+    if (status == KIV_OK) {
+        put_in(*item.release()); // the table's
     }
-    kiv::prepend(g_gpio_db.items, *item, item->place);
-    static_cast<void>(item.release()); // the table's
-    return KIV_OK;
+    return status;
 }
 
 int32_t kiv_gpio_free(int gpio)
 {
-    const call_trace trace;
-    return do_in_turn(__func__, gpio, [gpio] {
-        gpio_item *const item = take_out(gpio);
-        if (item == nullptr) {
-            return report_not_allocated("kiv_gpio_free");
+    const public_call call;
+    return do_in_turn(call, gpio, [gpio](gpio_item &pin) {
+        take_out(pin);
+        const int32_t status = tell_listener(command::wake_up, gpio);
+        if (status == KIV_OK) {
+            __gpio_item_free(&pin);
+        } else { // the listener may be polling the pin's descriptor
+            put_back(pin);
         }
-        if (!tell_listener(command::wake_up, gpio)) { // it may be polling the pin's descriptor
-            put_back(*item);
-            return KIV_ERR_SYSTEM;
-        }
-        __gpio_item_free(item);
-        return KIV_OK;
+        return status;
     });
 }
 
 int32_t kiv_gpio_set(int gpio, int value)
 {
-    const call_trace trace;
-    return do_with_pin(__func__, gpio, [value](gpio_item &item) {
+    const public_call call;
+    return do_with_pin(call, gpio, [value](gpio_item &item) {
         item.kind->set_level(item, value);
         return KIV_OK;
     });
@@ -364,10 +264,10 @@ int32_t kiv_gpio_set(int gpio, int value)
 
 int32_t kiv_gpio_get(int gpio, int *value)
 {
-    const call_trace trace;
-    return do_with_pin(__func__, gpio, [value](gpio_item &item) {
+    const public_call call;
+    return do_with_pin(call, gpio, [value, &call](gpio_item &item) {
         if (value == nullptr) {
-            KIV_LOG_AS("kiv_gpio_get", ERRR, "Got NULL as destination for output!\n");
+            KIV_LOG_AT(call.site(), ERRR, "Got NULL as destination for output!\n");
             return KIV_ERR_INVALID_PARAM;
         }
         *value = item.kind->get_level(item);
@@ -377,48 +277,46 @@ int32_t kiv_gpio_get(int gpio, int *value)
 
 int32_t kiv_gpio_direction_in(int gpio)
 {
-    const call_trace trace;
-    return do_with_pin(__func__, gpio, check_direction);
+    const public_call call;
+    return do_with_pin(call, gpio, check_direction);
 }
 
 int32_t kiv_gpio_direction_out(int gpio)
 {
-    const call_trace trace;
-    return do_with_pin(__func__, gpio, check_direction);
+    const public_call call;
+    return do_with_pin(call, gpio, check_direction);
 }
 
 int32_t kiv_gpio_status_dump(void)
 {
-    const call_trace trace;
-    if (is_refused_here(__func__)) {
+    const public_call call;
+    if (call.is_refused()) {
         return KIV_ERR_STATE;
     }
     const scoped_lock lock(g_gpio_db.lock);
-    for (const GList *place = g_gpio_db.items; place != nullptr; place = place->next) {
-        __gpio_item_dump(*static_cast<gpio_item *>(place->data));
-    }
+    dump_pins();
     return KIV_OK;
 }
 
-int32_t kiv_gpio_register_callback(int gpio, int level_edge, int, int, kiv_gpio_cbk cbk, uintptr_t user_data)
+int32_t kiv_gpio_register_callback(int gpio, int level_edge, int edge_cfg, int, kiv_gpio_cbk cbk,
+                                   uintptr_t user_data)
 {
-    const call_trace trace;
+    const public_call call;
+    if (call.is_refused()) {
+        return KIV_ERR_STATE;
+    }
     if (cbk == nullptr) {
         KIV_LOG_ERRR("gpio %d needs a callback\n", gpio);
         return KIV_ERR_INVALID_PARAM;
     }
-    return do_in_turn(__func__, gpio, [&] {
-        check_configuration();
-        gpio_item *pin = nullptr;
-        const auto add = [&](gpio_item &item) KIV_REQUIRES(g_gpio_db.lock) {
-            pin = &item; // which nobody else frees meanwhile
-            return add_callback(item, level_edge, cbk, user_data);
-        };
-        const int32_t status = do_with_pin("kiv_gpio_register_callback", gpio, add);
-        if (status == KIV_OK && !tell_listener(command::registered, gpio)) {
-            const scoped_lock lock(g_gpio_db.lock);
-            clear_callback(*pin); // nobody would call it
-            return KIV_ERR_SYSTEM;
+    check_configuration(call.site());
+    return do_in_turn(call, gpio, [&](gpio_item &pin) {
+        int32_t status = add_callback(call.site(), pin, {cbk, user_data, {level_edge, edge_cfg}});
+        if (status == KIV_OK) {
+            status = tell_listener(command::registered, gpio);
+            if (status != KIV_OK) { // nobody would call it
+                withdraw_callback(pin);
+            }
         }
         return status;
     });
@@ -426,12 +324,13 @@ int32_t kiv_gpio_register_callback(int gpio, int level_edge, int, int, kiv_gpio_
 
 int32_t kiv_gpio_unregister_callback(int gpio)
 {
-    const call_trace trace;
-    return do_in_turn(__func__, gpio, [gpio] {
-        const int32_t status = do_with_pin("kiv_gpio_unregister_callback", gpio, remove_callback);
-        if (status == KIV_OK) {
-            tell_listener(command::unregistered, gpio); // told or not, the callback will not run again
+    const public_call call;
+    return do_in_turn(call, gpio, [gpio, &call](gpio_item &pin) {
+        if (!withdraw_callback(pin)) {
+            KIV_LOG_AT(call.site(), ERRR, "There is no callback registered for this gpio.\n");
+            return KIV_ERR_INVALID_PARAM;
         }
-        return status;
+        tell_listener(command::unregistered, gpio); // told or not, the callback will not run again
+        return KIV_OK;
     });
 }

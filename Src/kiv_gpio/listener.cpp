@@ -1,33 +1,27 @@
 // The listener: one thread that waits for commands and for the interrupts of all pins with callbacks.
 //
-// A command is a word in a pipe, and whoever sends it waits until the listener has finished the pass that it
-// woke and has brought the poll set up to date: a pin that is being freed is out of the set before its
-// descriptors are closed, so no pass ever meets a number that has become somebody else's.
+// A command is a word in a pipe. Its sender waits until the listener has finished the pass that it woke and
+// has brought the poll set up to date. So a pin that is being freed has left the set before its descriptors
+// are closed, and no poll() ever sees a number that has become somebody else's.
 
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cinttypes>
 #include <climits>
-#include <csignal>
-#include <memory>
-#include <new>
 #include <utility>
 
-#include "common/call_trace.h"
-#include "common/immortal.h"
-#include "common/log_as.h"
-#include "common/uninterrupted.h"
+#include "command_pipe.h"
+#include "common/blocked_signals.h"
 #include "gpio.h"
-#include "zol/kiv_debug.h"
+#include "kiv_debug/call_trace.h"
+#include "kiv_debug/log_as.h"
+#include "poll_set.h"
 #include "zol/kiv_status.h"
 
+using kiv::call_site;
 using kiv::call_trace;
 using kiv::scoped_lock;
 using namespace kiv::gpio;
@@ -35,380 +29,258 @@ using namespace kiv::gpio;
 namespace
 {
 
-constexpr uint32_t ping_word = 0xDEADBEEF;
-constexpr int max_failures_in_a_row = 3;
-constexpr int max_idle_wakeups_in_a_row = 1000;
-constexpr int callbacks_at_once = 256; // per pin and pass: others want their turn, and the table
-constexpr int retry_ms = 100;          // what has failed and is to be tried again
-constexpr int forever = -1;
+constexpr int callbacks_at_once = 256; // per pin and pass, so that the others get their turn
+constexpr int most_empty_wakeups = 8;  // in a row, within the time of a back-off
 
-// Whose lines these are in the log.
-constexpr char init_routine[] = "kiv_gpio_init";
-constexpr char deinit_routine[] = "kiv_gpio_deinit";
-constexpr char pass_routine[] = "__listener_process_events";
-
-// Entry 0 is the command pipe. Touched by the listener alone while it runs.
-struct poll_set {
-    std::unique_ptr<pollfd[]> fds;
-    std::unique_ptr<gpio_item *[]> pins; // whose "irq" node the entry is
-    std::size_t count;
-    std::size_t room;
-};
-
-kiv::immortal<poll_set> g_poll_fds;
-bool g_is_short_of_memory; // for the poll set; reported once
-bool g_is_poll_failing;    // reported once
-int g_fds[2] = {-1, -1};   // the command pipe: the listener's end, the callers' end
-sem_t g_api_sem;
-std::atomic<int> thread_db; // the stop flag
+bool g_is_poll_failing;      // reported once
+std::atomic<bool> g_is_lost; // the listener has ended by itself
+std::atomic<int> thread_db;  // the stop flag
 pthread_t g_listener;
 
-thread_local bool t_is_listener [[gnu::tls_model("initial-exec")]];
+thread_local bool t_is_listener;
+thread_local bool t_is_orphan; // the copy of the listener in a child that was forked by a callback
 
-void __pollfd_init(pollfd &entry, int fd)
+bool is_to_end() noexcept
 {
-    KIV_LOG_INF1("p_pollfd=0x%" PRIxPTR ", fd=%d\n", reinterpret_cast<uintptr_t>(&entry), fd);
-    entry.fd = fd;
-    entry.events = POLLIN | POLLPRI | POLLERR | POLLHUP;
+    return thread_db != 0 || t_is_orphan;
 }
 
-// Gives the poll set room for so many entries. It never shrinks, so leaving entries out cannot fail.
-bool make_room(std::size_t count, const char *caller)
-{
-    if (count <= g_poll_fds->room) {
-        return true;
-    }
-    std::unique_ptr<pollfd[]> fds(new (std::nothrow) pollfd[count]());
-    std::unique_ptr<gpio_item *[]> pins(new (std::nothrow) gpio_item *[count]());
-    const bool was_short = std::exchange(g_is_short_of_memory, !fds || !pins);
-    if (g_is_short_of_memory) {
-        if (!was_short) {
-            KIV_LOG_AS(caller, ERRR, "Failed to allocate fdset.\n");
-        }
-        return false;
-    }
-    g_poll_fds.value = {std::move(fds), std::move(pins), 0, count};
-    return true;
-}
-
-bool is_to_be_watched(const gpio_item &item) noexcept
-{
-    return item.cbk != nullptr && !item.is_given_up;
-}
-
-std::size_t count_to_be_watched() KIV_REQUIRES(g_gpio_db.lock)
-{
-    std::size_t count = 0;
-    for (const GList *place = g_gpio_db.items; place != nullptr; place = place->next) {
-        count += is_to_be_watched(*static_cast<gpio_item *>(place->data)) ? 1 : 0;
-    }
-    return count;
-}
-
-// Makes the poll set what the table says. When there is no memory for more entries, the ones that are watched
-// already go on being watched. @return Whether everybody is watched who is to be.
-bool __listener_prepare_events()
-{
-    const scoped_lock lock(g_gpio_db.lock);
-    const bool fits = make_room(count_to_be_watched() + 1, __func__);
-    __pollfd_init(g_poll_fds->fds[0], g_fds[0]);
-    g_poll_fds->count = 1;
-    for (const GList *place = g_gpio_db.items; place != nullptr; place = place->next) {
-        gpio_item &item = *static_cast<gpio_item *>(place->data);
-        item.is_in_poll_set = is_to_be_watched(item) && (fits || item.is_in_poll_set);
-        if (item.is_in_poll_set) {
-            __pollfd_init(g_poll_fds->fds[g_poll_fds->count], item.fds[irq]);
-            g_poll_fds->pins[g_poll_fds->count++] = &item;
-        }
-    }
-    g_gpio_db.is_poll_set_stale = !fits;
-    return fits;
-}
-
-// What a pass leaves to be done.
-struct pass_result {
-    bool took_command; // whose sender is waiting
-    bool asks_for_rebuild;
-    bool has_more; // interrupts to call back
-};
-
-// Takes a command, if there is one, from the pipe.
-pass_result take_command(const pollfd &pipe)
+// Takes a command, if there is one, from the pipe. @return True when its sender is waiting.
+bool take_command(call_site site)
 {
     uint32_t word = 0;
-    if ((pipe.revents & POLLIN) == 0 ||
-        kiv::uninterrupted([&] { return read(pipe.fd, &word, sizeof word); }) < 1) {
-        return {};
+    if ((g_poll_fds->fds[0].revents & POLLIN) == 0 || !read_command(word)) {
+        return false;
     }
     const unsigned gpio = word & 0xFFFF;
     switch (static_cast<command>(word >> 16)) {
     case command::registered:
-        KIV_LOG_AS(pass_routine, INF1, "Command register cbk for gpio %u\n", gpio);
-        return {true, true, false};
+        KIV_LOG_AT(site, INF1, "Command register cbk for gpio %u\n", gpio);
+        break;
     case command::unregistered:
-        KIV_LOG_AS(pass_routine, INF1, "Command unregister cbk for gpio %u\n", gpio);
-        return {true, true, false};
+        KIV_LOG_AT(site, INF1, "Command unregister cbk for gpio %u\n", gpio);
+        break;
     default:
-        KIV_LOG_AS(pass_routine, INF1, "---got 0x%x ---\n", word);
-        return {true, false, false};
-    }
-}
-
-bool read_count(const gpio_item &item, long long &count)
-{
-    if (!__user_pins_sysfs_read(item.fds[irq], count)) {
-        return false;
-    }
-    if (count < 0 || count > INT_MAX) {
-        KIV_LOG_ERRR("gpio %d claims %lld interrupts, which is not to be believed\n", item.gpio, count);
-        return false;
+        KIV_LOG_AT(site, INF1, "---got 0x%x ---\n", word);
     }
     return true;
 }
 
-// A node that wakes the listener for nothing would do so again at once, and again.
-void give_up(gpio_item &item, const char *why) KIV_REQUIRES(g_gpio_db.lock)
+void back_off(call_site site, gpio_item &item, pollfd &entry)
 {
-    KIV_LOG_ERRR("gpio %d keeps %s and is no longer watched\n", item.gpio, why);
-    item.is_given_up = true;
-    g_gpio_db.is_poll_set_stale = true;
+    if (!std::exchange(item.is_failing, true)) {
+        KIV_LOG_AT(site, PRNT, "gpio %d is tried again every %d ms\n", item.gpio,
+                   static_cast<int>(retry_ms.count()));
+    }
+    rest(item, entry);
 }
 
-void count_failure(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
+void recover(call_site site, gpio_item &item)
 {
-    if (++item.failures == max_failures_in_a_row) {
-        give_up(item, "reporting errors");
+    if (std::exchange(item.is_failing, false)) {
+        KIV_LOG_AT(site, PRNT, "gpio %d works again\n", item.gpio);
     }
 }
 
-void take_interrupts(gpio_item &item) KIV_REQUIRES(g_gpio_db.lock)
+bool read_count(call_site site, gpio_item &item, long long &count)
 {
-    long long count = 0;
-    if (!read_count(item, count)) {
-        count_failure(item);
+    if (!item.kind->take_interrupts(item, count, !item.is_failing)) {
+        return false;
+    }
+    const bool is_possible = count >= 0 && count <= INT_MAX;
+    if (!is_possible && !item.is_failing) {
+        KIV_LOG_AT(site, ERRR, "gpio %d claims an impossible count of %lld interrupts\n", item.gpio, count);
+    }
+    return is_possible;
+}
+
+// An attribute of an ordinary sysfs is readable at all times and reports interrupts by POLLPRI: POLLIN is no
+// use there. A node that claims interrupts but has none is left alone for a while.
+void count_empty_wakeup(gpio_item &item, pollfd &entry)
+{
+    if (const clock::time_point now = clock::now(); now - item.empty_since > retry_ms) {
+        item.empty_since = now;
+        item.empty_wakeups = 0;
+    }
+    if (++item.empty_wakeups < most_empty_wakeups) {
         return;
     }
-    item.failures = 0;
-    item.idle_wakeups = count == 0 ? item.idle_wakeups + 1 : 0;
-    KIV_LOG_AS(pass_routine, INF1, "IRQ=%x for gpio %d\n", static_cast<unsigned>(count), item.gpio);
-    item.pending = static_cast<uint32_t>(std::min<long long>(item.pending + count, UINT32_MAX));
-    if (item.idle_wakeups == max_idle_wakeups_in_a_row) {
-        give_up(item, "waking up for nothing");
+    item.empty_wakeups = 0;
+    if ((entry.revents & POLLPRI) != 0) {
+        rest(item, entry);
+    } else {
+        entry.events &= static_cast<short>(~POLLIN);
     }
 }
 
-// What is left of a large count waits for the next pass, or the next start.
+void take_interrupts(call_site site, gpio_item &item, pollfd &entry)
+{
+    long long count = 0;
+    if (!read_count(site, item, count)) {
+        back_off(site, item, entry);
+        return;
+    }
+    KIV_LOG_AT(site, INF1, "IRQ=%x for gpio %d\n", static_cast<unsigned>(count), item.gpio);
+    recover(site, item);
+    item.pending += static_cast<std::uint64_t>(count);
+    if (count == 0) {
+        count_empty_wakeup(item, entry);
+    } else {
+        item.empty_wakeups = 0;
+    }
+}
+
+// A pin that has failed is read when its back-off is over, as nothing else tells that it has recovered.
+void look_at_node(call_site site, gpio_item &item, pollfd &entry)
+{
+    const bool is_retry = item.is_failing && entry.fd != -1 && entry.revents == 0;
+    if (is_retry || (entry.revents & (POLLIN | POLLPRI)) != 0) {
+        take_interrupts(site, item, entry);
+    } else if (entry.revents != 0) {
+        if (!item.is_failing) {
+            KIV_LOG_AT(site, ERRR, "gpio %d reports an error, revents 0x%x\n", item.gpio,
+                       static_cast<unsigned>(entry.revents));
+        }
+        back_off(site, item, entry);
+    }
+}
+
+// The rest of a large count waits for the next pass, or the next start.
 void call_back(gpio_item &item)
 {
-    for (int left = callbacks_at_once; item.pending > 0 && left > 0 && thread_db == 0; --left) {
+    for (int left = callbacks_at_once; item.pending > 0 && left > 0 && !is_to_end(); --left) {
         --item.pending;
         item.cbk(item.gpio, item.user_data);
     }
 }
 
-// @return Whether the pin has interrupts left.
-bool process_pin(gpio_item &item, short events) KIV_REQUIRES(g_gpio_db.lock)
-{
-    if ((events & (POLLIN | POLLPRI)) != 0) {
-        take_interrupts(item);
-    } else if (events != 0) {
-        count_failure(item);
-    }
-    if (item.cbk == nullptr) { // unregistered since the poll set was made
-        return false;
-    }
-    call_back(item);
-    return item.pending > 0;
-}
-
-bool process_pins() KIV_REQUIRES(g_gpio_db.lock)
+// @return True when there are interrupts left to call back.
+bool process_pins(call_site site) KIV_REQUIRES(g_gpio_db.lock)
 {
     bool has_more = false;
-    for (std::size_t i = 1; i < g_poll_fds->count; ++i) {
-        const short events = g_poll_fds->fds[i].revents;
-        KIV_LOG_AS(pass_routine, INF1, "FD %d, revents 0x%x\n", static_cast<int>(i),
-                   static_cast<unsigned>(events));
-        has_more |= process_pin(*g_poll_fds->pins[i], events);
+    for (std::size_t i = 1; !is_to_end() && i < g_poll_fds->count; ++i) {
+        gpio_item &item = *g_poll_fds->pins[i];
+        pollfd &entry = g_poll_fds->fds[i];
+        KIV_LOG_AT(site, INF1, "FD %d, revents 0x%x\n", static_cast<int>(i),
+                   static_cast<unsigned>(entry.revents));
+        if (item.cbk != nullptr) { // or it was unregistered since the poll set was made
+            look_at_node(site, item, entry);
+            call_back(item);
+            has_more |= item.pending > 0;
+        }
     }
     return has_more;
 }
 
-// One pass over what poll() has found.
+// The work that a pass leaves behind.
+struct pass_result {
+    bool took_command; // its sender is waiting
+    bool has_more;     // interrupts to call back
+};
+
+// One pass over the events that poll() has found.
 pass_result __listener_process_events()
 {
+    const call_site site = call_site::here();
     const call_trace trace;
     const scoped_lock lock(g_gpio_db.lock);
-    pass_result result = take_command(g_poll_fds->fds[0]);
+    const bool took_command = take_command(site);
     if (g_poll_fds->count == 1) {
         KIV_LOG_INF1("no irq fds are set\n");
     }
-    result.has_more = process_pins();
-    result.asks_for_rebuild |= g_gpio_db.is_poll_set_stale;
-    return result;
+    return {took_command, process_pins(site)};
 }
 
-// What poll() cannot do for all, it may be able to do for the pipe: whoever waits for an answer gets it.
-int poll_the_pipe_only()
-{
-    if (!std::exchange(g_is_poll_failing, true)) {
-        KIV_LOG_AS("__listener", ERRR, "Error in poll, ret=0x%x\n", static_cast<unsigned>(-1));
-    }
-    for (std::size_t i = 0; i < g_poll_fds->count; ++i) {
-        g_poll_fds->fds[i].revents = 0;
-    }
-    return poll(g_poll_fds->fds.get(), 1, retry_ms);
-}
-
-// @return Whether something has happened.
-bool wait_for_events(int timeout_ms)
-{
-    const int result = poll(g_poll_fds->fds.get(), g_poll_fds->count, timeout_ms);
-    if (result >= 0) {
-        g_is_poll_failing = false;
-        return result > 0;
-    }
-    return errno != EINTR && poll_the_pipe_only() > 0;
-}
-
-bool is_poll_set_stale()
+// @return The longest time that poll() may wait, in ms.
+int prepare_to_wait()
 {
     const scoped_lock lock(g_gpio_db.lock);
-    return g_gpio_db.is_poll_set_stale;
+    if (g_gpio_db.is_poll_set_stale ||
+        g_poll_fds->count != g_gpio_db.watched + 1) { // pins from before the start
+        __listener_prepare_events();
+    }
+    return end_rests();
 }
 
-void *__listener(void *argument)
+// While poll() fails, commands are looked for now and then, so that their senders get an answer.
+void pause_polling(call_site site)
 {
-    const auto *const stop = static_cast<std::atomic<int> *>(argument);
-    if (stop == nullptr) {
+    if (!std::exchange(g_is_poll_failing, true)) {
+        KIV_LOG_AT(site, ERRR, "Error in poll, ret=0x%x\n", static_cast<unsigned>(-1));
+    }
+    g_usleep(static_cast<gulong>(std::chrono::microseconds(retry_ms).count()));
+    for (std::size_t i = 0; i < g_poll_fds->count; ++i) {
+        g_poll_fds->fds[i].revents = i == 0 ? POLLIN : 0;
+    }
+}
+
+// No lock is held here, so this is where the stop may cancel the thread.
+void wait_for_events(call_site site, int timeout_ms)
+{
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    const long result = TEMP_FAILURE_RETRY(poll(g_poll_fds->fds.get(), g_poll_fds->count, timeout_ms));
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    if (result < 0) {
+        pause_polling(site);
+    } else {
+        g_is_poll_failing = false;
+    }
+}
+
+// Releases the caller that may be waiting for an answer.
+void report_lost_pipe(call_site site)
+{
+    KIV_LOG_AT(site, ERRR, "The command pipe was closed, revents 0x%x: no more callbacks until a restart\n",
+               static_cast<unsigned>(g_poll_fds->fds[0].revents));
+    g_is_lost = true;
+    answer();
+}
+
+void *__listener(void *stop_flag)
+{
+    if (stop_flag == nullptr) {
         KIV_LOG_ERRR("Null pointer as pointer to thread info\n");
         return nullptr;
     }
     t_is_listener = true;
-    bool has_more = is_poll_set_stale(); // pins from before the start
-    bool is_complete = !has_more || __listener_prepare_events();
-    while (*stop == 0) {
-        pass_result pass = {};
-        if (wait_for_events(has_more ? 0 : is_complete ? forever : retry_ms) || has_more) {
-            pass = __listener_process_events();
-        }
-        has_more = pass.has_more;
-        if (pass.asks_for_rebuild || !is_complete) {
-            is_complete = __listener_prepare_events();
-        }
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_setname_np(pthread_self(), "kiv_gpio");
+    pass_result pass = {false, g_gpio_db.watched != 0}; // interrupts may be left from before the start
+    for (;;) {
+        const int timeout_ms = prepare_to_wait();
         if (pass.took_command) {
-            sem_post(&g_api_sem);
+            answer();
+        }
+        wait_for_events(call_site::here(), pass.has_more ? 0 : timeout_ms);
+        if (is_command_pipe_gone(g_poll_fds->fds[0].revents)) {
+            report_lost_pipe(call_site::here());
+            return nullptr;
+        }
+        pass = __listener_process_events();
+        if (is_to_end()) {
+            return nullptr;
         }
     }
-    return nullptr;
 }
 
-bool write_word(uint32_t word, ssize_t &result)
+bool start_thread(call_site site)
 {
-    result = kiv::uninterrupted([&] { return write(g_fds[1], &word, sizeof word); });
-    return result >= 1;
-}
-
-bool __listener_send_msg(uint32_t word)
-{
-    ssize_t result = 0;
-    if (!write_word(word, result)) {
-        KIV_LOG_ERRR("failed wriging to the pipe ret=%d, errno=%d!\n", static_cast<int>(result), errno);
-        return false;
-    }
-    return true;
-}
-
-bool __listener_ping()
-{
-    ssize_t result = 0;
-    if (!write_word(ping_word, result)) {
-        KIV_LOG_ERRR("failed writing to the pipe ret=%d, errno=%d!\n", static_cast<int>(result), errno);
-        return false;
-    }
-    return true;
-}
-
-// The listener posts once for each command, so it is this command's post.
-void __listener_wait_for_completion()
-{
-    kiv::uninterrupted([] { return sem_wait(&g_api_sem); });
-}
-
-bool open_pipe()
-{
-    if (pipe2(g_fds, O_CLOEXEC) != 0) {
-        KIV_LOG_AS(init_routine, ERRR, "Failed to create pipe.\n");
-        return false;
-    }
-    KIV_LOG_AS(init_routine, INF1, "created 2 fds, read %d, write %d\n", g_fds[0], g_fds[1]);
-    return true;
-}
-
-void close_pipe(const char *caller)
-{
-    if (const int fd = std::exchange(g_fds[0], -1); close(fd) != 0) {
-        KIV_LOG_AS(caller, ERRR, "failed closing READ fd %d errno %d\n", fd, errno);
-    }
-    if (const int fd = std::exchange(g_fds[1], -1); fd != -1 && close(fd) != 0) {
-        KIV_LOG_AS(caller, ERRR, "failed closing WRITE fd %d\n errno %d", fd, errno);
-    }
-}
-
-bool init_semaphore()
-{
-    const int result = sem_init(&g_api_sem, 0, 0);
-    if (result != 0) {
-        KIV_LOG_AS(init_routine, ERRR, "Failed to create API semaphore %d, errno %d\n", result, errno);
-    }
-    return result == 0;
-}
-
-// The application's signal handlers are to run on the application's threads, but for those of faults, which a
-// callback may commit.
-void block_signals(sigset_t &former)
-{
-    sigset_t blocked;
-    sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) {
-        sigdelset(&blocked, fault);
-    }
-    pthread_sigmask(SIG_BLOCK, &blocked, &former);
-}
-
-bool create_thread()
-{
+    const kiv::signals_blocked blocked;
+    thread_db = 0;
+    g_is_lost = false;
+    g_is_poll_failing = false;
     pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        return false;
+    bool is_started = pthread_attr_init(&attributes) == 0;
+    if (is_started) {
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+        is_started = pthread_create(&g_listener, &attributes, __listener, &thread_db) == 0;
+        pthread_attr_destroy(&attributes);
     }
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
-    sigset_t former;
-    block_signals(former);
-    const int error = pthread_create(&g_listener, &attributes, __listener, &thread_db);
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    pthread_attr_destroy(&attributes);
-    return error == 0;
-}
-
-bool start_thread()
-{
-    const bool started = create_thread();
-    if (!started) {
-        KIV_LOG_AS(init_routine, ERRR, "Failed creating listener thread!\n");
+    if (!is_started) {
+        KIV_LOG_AT(site, ERRR, "Failed creating listener thread!\n");
+        destroy_answers();
     }
-    return started;
-}
-
-// Those who were watched are to be watched again by the next listener.
-void drop_poll_set()
-{
-    const scoped_lock lock(g_gpio_db.lock);
-    for (const GList *place = g_gpio_db.items; place != nullptr; place = place->next) {
-        gpio_item &item = *static_cast<gpio_item *>(place->data);
-        g_gpio_db.is_poll_set_stale |= item.is_in_poll_set;
-        item.is_in_poll_set = false;
-    }
-    g_poll_fds.value = {};
+    return is_started;
 }
 
 } // namespace
@@ -418,63 +290,69 @@ bool kiv::gpio::is_listener() noexcept
     return t_is_listener;
 }
 
-int32_t kiv::gpio::start_listener()
+bool kiv::gpio::is_listener_lost() noexcept
 {
-    if (!open_pipe()) {
+    return g_is_lost;
+}
+
+int32_t kiv::gpio::start_listener(call_site site)
+{
+    if (!open_command_pipe(site)) {
         return KIV_ERR_SYSTEM;
     }
-    KIV_ASSERT(g_poll_fds->fds == nullptr);
     int32_t status = KIV_ERR_NO_MEMORY;
-    if (make_room(1, init_routine)) {
-        g_poll_fds->count = 1;
-        __pollfd_init(g_poll_fds->fds[0], g_fds[0]);
-        status = KIV_ERR_SYSTEM;
-        if (init_semaphore()) {
-            if (start_thread()) {
-                return KIV_OK;
-            }
-            sem_destroy(&g_api_sem);
+    if (init_poll_set(site)) {
+        if (init_answers(site) && start_thread(site)) {
+            return KIV_OK;
         }
+        status = KIV_ERR_SYSTEM;
+        discard_poll_set();
     }
-    g_poll_fds.value = {};
-    close_pipe(init_routine);
+    close_command_pipe(site);
     return status;
 }
 
-void kiv::gpio::join_listener()
+// A listener that cannot be told is cancelled, which it allows only while it waits.
+void kiv::gpio::join_listener(call_site site)
 {
     thread_db = 1;
-    if (!__listener_ping()) {
-        close(std::exchange(g_fds[1], -1)); // which wakes it as well
+    if (!g_is_lost && !__listener_ping()) {
+        pthread_cancel(g_listener);
     }
     if (pthread_join(g_listener, nullptr) != 0) {
-        KIV_LOG_AS(deinit_routine, ERRR, "failed joining listener thread 0x%lx!\n",
+        KIV_LOG_AT(site, ERRR, "failed joining listener thread 0x%lx!\n",
                    static_cast<unsigned long>(g_listener));
     }
     thread_db = 0;
-    drop_poll_set();
+    discard_poll_set();
 }
 
-void kiv::gpio::release_listener()
+void kiv::gpio::release_listener(call_site site)
 {
-    close_pipe(deinit_routine);
-    sem_destroy(&g_api_sem);
+    close_command_pipe(site);
+    destroy_answers();
 }
 
+// A callback that forked goes on in the child, on a copy of the listener that holds the table's mutex. The
+// copy ends when the callback returns, and needs its poll set until then.
 void kiv::gpio::forget_listener()
 {
-    drop_poll_set();
-    release_listener();
+    abandon_command_pipe();
+    t_is_orphan = t_is_listener;
+    g_is_lost = false;
+    if (!t_is_orphan) {
+        discard_poll_set();
+    }
 }
 
-bool kiv::gpio::tell_listener(command what, int gpio)
+int32_t kiv::gpio::tell_listener(command what, int gpio)
 {
-    const bool told =
+    const bool is_told =
         what == command::wake_up
             ? __listener_ping()
             : __listener_send_msg(static_cast<uint32_t>(what) << 16 | (static_cast<uint32_t>(gpio) & 0xFFFF));
-    if (told) {
+    if (is_told) {
         __listener_wait_for_completion();
     }
-    return told;
+    return g_is_lost ? KIV_ERR_STATE : is_told ? KIV_OK : KIV_ERR_SYSTEM;
 }

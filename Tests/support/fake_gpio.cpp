@@ -1,7 +1,6 @@
 #include "support/fake_gpio.h"
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,27 +8,10 @@
 #include <string_view>
 #include <utility>
 
-#include "common/unique_fd.h"
+extern "C" int __real_poll(pollfd *fds, nfds_t count, int timeout);
 
 namespace zol_test
 {
-
-// Whoever opens a node gets a duplicate of its line, so all who have an "irq" open share one count.
-struct fake_gpio_node {
-    std::string name; // "17 irq"
-    kiv::unique_fd line{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
-    std::atomic<bool> failing[static_cast<int>(gpio_operation::count)] = {};
-    std::atomic<bool> has_text = false;
-    std::string text;
-
-    bool fails(gpio_operation operation)
-    {
-        const bool result = failing[static_cast<int>(operation)].load(std::memory_order_relaxed);
-        errno = result ? EIO : errno;
-        return result;
-    }
-};
-
 namespace
 {
 
@@ -38,6 +20,13 @@ constexpr std::string_view directory = "/sys/user_hw/pins/gpios/gpio_";
 std::atomic<fake_gpio_node *> g_nodes[20'000]; // by descriptor
 
 } // namespace
+
+bool fake_gpio_node::fails(gpio_failure operation)
+{
+    const bool result = failing.load(std::memory_order_relaxed) == operation;
+    errno = result ? EIO : errno;
+    return result;
+}
 
 bool fake_gpio::has(const char *path)
 {
@@ -55,46 +44,12 @@ void fake_gpio::forget(int fd)
     g_nodes[fd] = nullptr;
 }
 
-fake_gpio_node &fake_gpio::find(const std::string &path)
+fake_gpio_node &fake_gpio::find(const std::string &name)
 {
     const std::scoped_lock lock(mutex_);
-    std::shared_ptr<fake_gpio_node> &found = nodes_[path];
-    if (!found) {
-        found = std::make_shared<fake_gpio_node>();
-        found->name = path.substr(directory.size());
-        std::replace(found->name.begin(), found->name.end(), '/', ' ');
-    }
-    return *found;
-}
-
-fake_gpio_node &fake_gpio::find(int pin, const std::string &name)
-{
-    return find(std::string(directory) + std::to_string(pin) + "/" + name);
-}
-
-void fake_gpio::raise(int pin, std::uint64_t count)
-{
-    eventfd_write(find(pin, "irq").line.get(), count);
-}
-
-void fake_gpio::set_text(int pin, const std::string &node, const std::string &text)
-{
-    fake_gpio_node &found = find(pin, node);
-    const std::scoped_lock lock(mutex_);
-    found.text = text;
-    found.has_text = true;
-}
-
-void fake_gpio::fail(int pin, const std::string &node, gpio_operation operation)
-{
-    find(pin, node).failing[static_cast<int>(operation)] = true;
-}
-
-void fake_gpio::mend(int pin, const std::string &node)
-{
-    for (std::atomic<bool> &failing : find(pin, node).failing) {
-        failing = false;
-    }
+    fake_gpio_node &found = nodes_[name];
+    found.name = name;
+    return found;
 }
 
 std::vector<std::string> fake_gpio::take_writes()
@@ -111,12 +66,11 @@ long fake_gpio::own_descriptors()
 
 int fake_gpio::open(const char *path, int flags)
 {
-    fake_gpio_node &opened = find(path);
-    const bool to_write = (flags & O_ACCMODE) != O_RDONLY;
-    if (opened.fails(to_write ? gpio_operation::open_to_write : gpio_operation::open_to_read)) {
-        return -1;
-    }
-    const int fd = dup(opened.line.get());
+    std::string name = path + directory.size();
+    std::replace(name.begin(), name.end(), '/', ' ');
+    fake_gpio_node &opened = find(name);
+    // A program that is started must not inherit a pin.
+    const int fd = (flags & O_CLOEXEC) != 0 ? dup(opened.line.get()) : -1;
     if (fd >= 0) {
         g_nodes[fd] = &opened;
     }
@@ -125,7 +79,7 @@ int fake_gpio::open(const char *path, int flags)
 
 ssize_t fake_gpio::write(fake_gpio_node &node, const char *data, std::size_t size)
 {
-    if (node.fails(gpio_operation::write)) {
+    if (node.fails(on_write)) {
         return -1;
     }
     const std::scoped_lock lock(mutex_);
@@ -135,22 +89,31 @@ ssize_t fake_gpio::write(fake_gpio_node &node, const char *data, std::size_t siz
 
 ssize_t fake_gpio::read(fake_gpio_node &node, int fd, char *data, std::size_t size)
 {
-    if (node.fails(gpio_operation::read)) {
+    if (node.fails(on_read)) {
         return -1;
     }
     eventfd_t count = 0;
-    eventfd_read(fd, &count); // by the library's own descriptor: what it does is to depend on that one
-    std::string text = std::to_string(count) + "\n";
-    if (node.has_text) {
-        const std::scoped_lock lock(mutex_);
-        text = node.text;
-    }
-    return static_cast<ssize_t>(text.copy(data, size));
+    eventfd_read(fd, &count); // by the library's own descriptor, which may be somebody else's by now
+    const char *const text = node.text;
+    return static_cast<ssize_t>((text != nullptr ? text : std::to_string(count) + "\n").copy(data, size));
 }
 
-off_t fake_gpio::seek(fake_gpio_node &node)
+// Asks the line by POLLIN whether there are interrupts, and translates.
+int fake_gpio::poll(pollfd *fds, nfds_t count, int timeout)
 {
-    return node.fails(gpio_operation::seek) ? -1 : 0;
+    fake_gpio_node *const node = sysfs_node_;
+    pollfd *const end = fds + count;
+    pollfd *const entry =
+        std::find_if(fds, end, [node](const pollfd &each) { return node != nullptr && of(each.fd) == node; });
+    if (entry == end) {
+        return __real_poll(fds, count, timeout);
+    }
+    const short events = std::exchange(entry->events, POLLIN);
+    int result = __real_poll(fds, count, (events & POLLIN) != 0 ? 0 : timeout);
+    entry->events = events;
+    const bool has_interrupts = entry->revents != 0;
+    entry->revents = static_cast<short>((events & POLLIN) | (has_interrupts ? POLLPRI | POLLERR : 0));
+    return result + (entry->revents != 0 && !has_interrupts ? 1 : 0);
 }
 
 } // namespace zol_test

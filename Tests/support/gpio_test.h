@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <vector>
 
 #include "support/debug_level.h"
 #include "support/eventually.h"
@@ -30,7 +29,7 @@ struct calls {
         auto *const self = reinterpret_cast<calls *>(user_data);
         self->last_gpio = gpio;
         ++self->count;
-        return -1; // which nobody looks at
+        return -1; // nobody looks at it
     }
 
     bool become(long expected)
@@ -39,6 +38,18 @@ struct calls {
     }
 };
 
+inline int32_t watch(int gpio, kiv_gpio_cbk callback, void *data = nullptr)
+{
+    return kiv_gpio_register_callback(gpio, KIV_GPIO_EDGE, KIV_GPIO_EDGE_RISING, 0, callback,
+                                      reinterpret_cast<uintptr_t>(data));
+}
+
+inline int32_t watch(int gpio, calls &calls)
+{
+    return watch(gpio, calls::note, &calls);
+}
+
+/// Frees its pins and stops the module at its end.
 class GpioTest : public testing::Test
 {
 protected:
@@ -55,8 +66,9 @@ protected:
         set_debug_level(1);
         log_capture log; // a pin may be free, the module stopped
         kiv_gpio_init();
-        for (const int gpio : requested_) {
-            kiv_gpio_free(gpio);
+        for (int gpio = 0; gpio < 100; ++gpio) {
+            while (kiv_gpio_free(gpio) == KIV_OK) {
+            }
         }
         kiv_gpio_deinit();
         kiv_gpio_set_simulator_mode(0);
@@ -64,19 +76,12 @@ protected:
         alarm(0);
     }
 
-    void request(int gpio, const char *name = "pin")
+    static void request(int gpio, const char *name = "pin")
     {
         ASSERT_EQ(kiv_gpio_request(gpio, name), KIV_OK);
-        requested_.push_back(gpio);
     }
 
-    static int32_t watch(int gpio, calls &calls)
-    {
-        return kiv_gpio_register_callback(gpio, KIV_GPIO_EDGE, KIV_GPIO_EDGE_RISING, 0, calls::note,
-                                          reinterpret_cast<uintptr_t>(&calls));
-    }
-
-    void request_and_watch(int gpio, calls &calls, const char *name = "pin")
+    static void request_and_watch(int gpio, calls &calls, const char *name = "pin")
     {
         request(gpio, name);
         ASSERT_EQ(watch(gpio, calls), KIV_OK);
@@ -86,7 +91,6 @@ protected:
 
     scratch_directory scratch_;
     fake_gpio pins_;
-    std::vector<int> requested_;
 };
 
 } // namespace zol_test

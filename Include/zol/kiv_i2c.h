@@ -31,7 +31,7 @@
 
 KIV_EXTERN_C_BEGIN
 
-/** How many buses the table holds. */
+/** The capacity of the bus table. */
 #define KIV_I2C_MAX_BUSES 10
 
 /** One device on one bus. Filled by kiv_i2c_open(), emptied by kiv_i2c_close(). A record of zeros is a handle
@@ -59,7 +59,8 @@ KIV_API int32_t kiv_i2c_deinit(void);
  * @param deviceAddress  7-bit address.
  * @retval KIV_OK        @p handle is open.
  * @retval KIV_ERR_OPEN  The node cannot be opened, there is no such bus, the configured node name holds
- * anything but at most one plain integer conversion, or @p handle is null.
+ *                       anything but at most one plain integer conversion, the node got descriptor 0 because
+ *                       standard input is closed, or @p handle is null.
  */
 KIV_API int32_t kiv_i2c_open(kiv_i2c_handle *handle, int32_t bus, uint16_t deviceAddress);
 
@@ -90,9 +91,8 @@ KIV_API int32_t kiv_i2c_read_reg16(kiv_i2c_handle *handle, uint16_t reg, int32_t
  * @param count   How many bytes, at least 1.
  * @param values  The bytes, in order.
  * @retval KIV_OK                 All bytes were written.
- * @retval KIV_ERR_WRITE          A transfer failed, the bytes before it have been written and none after it;
- * or
- *                                @p count is 0.
+ * @retval KIV_ERR_WRITE          A transfer failed; the bytes before it have been written and none after it.
+ *                                Or @p count is 0; nothing is logged then.
  * @retval KIV_ERR_INVALID_PARAM  @p handle or @p values is null.
  * @{
  */

@@ -15,6 +15,7 @@
 
 #include "common/text.h"
 #include "common/unique_fd.h"
+#include "kiv_debug/log_as.h"
 #include "zol/kiv_config.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
@@ -38,7 +39,7 @@ bool is_in_table(int32_t bus) noexcept
     return bus >= 0 && bus < KIV_I2C_MAX_BUSES;
 }
 
-// Whether what happens on this handle is logged. A handle that is not open has no bus.
+// A handle that is not open has no bus record, so its transfers are not logged.
 bool is_logged(const kiv_i2c_handle &handle) noexcept
 {
     return handle.fd > 0 && is_in_table(handle.bus) && g_buses[handle.bus].debug != 0;
@@ -67,7 +68,8 @@ bool format_bus_path(char (&path)[bus_path_size], int32_t bus) noexcept
         kiv::copy_bounded(path, sizeof path, g_buses[bus].dev);
         return true;
     }
-    const std::string_view rest = dev.substr(at + 1);
+    std::string_view rest = dev;
+    rest.remove_prefix(at + 1);
     constexpr std::string_view plain_conversions = "diuxXo";
     if (rest.empty() || plain_conversions.find(rest.front()) == std::string_view::npos ||
         rest.find('%') != std::string_view::npos) {
@@ -79,18 +81,23 @@ bool format_bus_path(char (&path)[bus_path_size], int32_t bus) noexcept
     return true;
 }
 
-kiv::unique_fd open_bus(char (&path)[bus_path_size], int32_t bus)
+kiv::unique_fd open_bus(char (&path)[bus_path_size], int32_t bus, kiv::call_site site)
 {
-    if (!format_bus_path(path, bus)) {
-        KIV_LOG_ERRR("i2c_bus_%d_dev (%s) may hold one plain integer conversion and no other\n", bus,
-                     g_buses[bus].dev);
+    if (!KIV_HOLDS_AT(site, is_in_table(bus))) {
+        KIV_LOG_AT(site, ERRR, "can't open bus %d: there are at most %d buses\n", bus, KIV_I2C_MAX_BUSES);
+        return kiv::unique_fd();
+    }
+    if (!KIV_HOLDS_AT(site, format_bus_path(path, bus))) {
+        KIV_LOG_AT(site, ERRR, "i2c_bus_%d_dev (%s) may hold one plain integer conversion and no other\n",
+                   bus, g_buses[bus].dev);
         return kiv::unique_fd();
     }
     kiv::unique_fd fd(open(path, O_RDWR | O_CLOEXEC));
-    if (!fd.is_open()) {
-        KIV_LOG_INF1("can't open %s: errno %d\n", path, errno);
-    } else if (fd.get() == 0) {
-        fd.reset(); // 0 marks a handle that is not open
+    if (!KIV_HOLDS_AT(site, fd.is_open())) {
+        KIV_LOG_AT(site, ERRR, "can't open %s of bus %d: errno %d\n", path, bus, errno);
+    } else if (!KIV_HOLDS_AT(site, fd.get() != 0)) { // 0 marks a handle that is not open
+        KIV_LOG_AT(site, ERRR, "can't open %s of bus %d: standard input is closed\n", path, bus);
+        fd.reset();
     }
     return fd;
 }
@@ -117,11 +124,17 @@ constexpr register_address address16(uint16_t reg) noexcept
     return {{static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg & 0xff)}, 2};
 }
 
-int32_t read_register(const kiv_i2c_handle *handle, register_address address, unsigned reg, int32_t count,
-                      uint8_t *out)
+// The reason behind the line about a failed transfer.
+void log_failed_transfer(const kiv_i2c_handle &handle, int error, kiv::call_site site)
 {
-    KIV_ASSERT(handle != nullptr && out != nullptr);
-    if (handle == nullptr || out == nullptr) {
+    KIV_LOG_AT(site, ERRR, "bus %d device 0x%x file %d: errno %d\n", handle.bus, handle.deviceAddress,
+               handle.fd, error);
+}
+
+int32_t read_register(const kiv_i2c_handle *handle, register_address address, unsigned reg, int32_t count,
+                      uint8_t *out, kiv::call_site site)
+{
+    if (!KIV_HOLDS_AT(site, handle != nullptr && out != nullptr)) {
         return KIV_ERR_INVALID_PARAM;
     }
     const auto length = static_cast<uint16_t>(count);
@@ -130,48 +143,52 @@ int32_t read_register(const kiv_i2c_handle *handle, register_address address, un
         {handle->deviceAddress, I2C_M_RD, length, out},
     };
     const int result = transfer(*handle, messages, 2);
+    const int error = errno;
     if (is_logged(*handle)) {
-        KIV_LOG_PRNT("read : addr 0x%04x reg 0x%02x bytes %2d ret %d out 0x%x\n", handle->deviceAddress, reg,
-                     count, result, length > 0 ? out[0] : 0);
+        KIV_LOG_AT(site, PRNT, "read : addr 0x%04x reg 0x%02x bytes %2d ret %d out 0x%x\n",
+                   handle->deviceAddress, reg, count, result, length > 0 ? out[0] : 0);
     }
     if (result < 0) {
-        KIV_LOG_ERRR("can't read register 0x%x ret %d\n", reg, result);
+        KIV_LOG_AT(site, ERRR, "can't read register 0x%x ret %d\n", reg, result);
+        log_failed_transfer(*handle, error, site);
         return KIV_ERR_NOT_FOUND;
     }
     return KIV_OK;
 }
 
-int32_t write_byte(const kiv_i2c_handle &handle, register_address address, unsigned reg, uint8_t value)
+int32_t write_byte(const kiv_i2c_handle &handle, register_address address, unsigned reg, uint8_t value,
+                   kiv::call_site site)
 {
     uint8_t bytes[sizeof address.bytes + 1];
     std::memcpy(bytes, address.bytes, sizeof address.bytes);
     bytes[address.length] = value;
     i2c_msg message = {handle.deviceAddress, 0, static_cast<uint16_t>(address.length + 1), bytes};
     const int result = transfer(handle, &message, 1);
+    const int error = errno;
     if (is_logged(handle)) {
-        KIV_LOG_PRNT("write deviceAddress 0x%04x deviceReg 0x%02x value 0x%x ret %d\n", handle.deviceAddress,
-                     reg, value, result);
+        KIV_LOG_AT(site, PRNT, "write deviceAddress 0x%04x deviceReg 0x%02x value 0x%x ret %d\n",
+                   handle.deviceAddress, reg, value, result);
     }
     if (result < 0) {
-        KIV_LOG_ERRR("write register 0x%x ret %d\n", reg, result);
+        KIV_LOG_AT(site, ERRR, "write register 0x%x ret %d\n", reg, result);
+        log_failed_transfer(handle, error, site);
         return KIV_ERR_WRITE;
     }
     return KIV_OK;
 }
 
 int32_t write_register(const kiv_i2c_handle *handle, register_address address, unsigned reg, uint32_t count,
-                       const uint8_t *values)
+                       const uint8_t *values, kiv::call_site site)
 {
     if (count == 0) {
         return KIV_ERR_WRITE;
     }
-    KIV_ASSERT(handle != nullptr && values != nullptr);
-    if (handle == nullptr || values == nullptr) {
+    if (!KIV_HOLDS_AT(site, handle != nullptr && values != nullptr)) {
         return KIV_ERR_INVALID_PARAM;
     }
     int32_t status = KIV_OK;
     for (uint32_t i = 0; i < count && status == KIV_OK; ++i) {
-        status = write_byte(*handle, address, reg, values[i]);
+        status = write_byte(*handle, address, reg, values[i], site);
     }
     return status;
 }
@@ -182,7 +199,10 @@ int32_t kiv_i2c_init(void)
 {
     int32_t configured = 0;
     const bool found = kiv_config_get_param_int("general", "", "i2c_buses_num", &configured) >= 1;
-    KIV_ASSERT(found);
+    if (!KIV_HOLDS(found)) {
+        const bool exists = kiv_config_get_param("general", "", "i2c_buses_num", nullptr, 0) == 1;
+        KIV_LOG_ERRR("general.i2c_buses_num is %s\n", exists ? "not a number" : "missing");
+    }
     // The configured number is that of the last bus. Unsigned, so that a negative one means all of the table.
     const uint32_t count = static_cast<uint32_t>(configured) + (configured > 0 ? 1 : 0);
     KIV_LOG_PRNT("system with %d i2c buses\n", static_cast<int32_t>(count));
@@ -207,18 +227,17 @@ int32_t kiv_i2c_deinit(void)
 int32_t kiv_i2c_open(kiv_i2c_handle *handle, int32_t bus, uint16_t deviceAddress)
 {
     char path[bus_path_size] = "";
-    KIV_ASSERT(bus < g_i2c_buses_num);
-    KIV_ASSERT(handle != nullptr);
-    if (handle == nullptr) {
+    if (!KIV_HOLDS(bus < g_i2c_buses_num)) {
+        KIV_LOG_ERRR("bus %d is not among the %d that i2c_buses_num sets up\n", bus, g_i2c_buses_num);
+    }
+    if (!KIV_HOLDS(handle != nullptr)) {
         return KIV_ERR_OPEN;
     }
-    kiv::unique_fd fd = is_in_table(bus) ? open_bus(path, bus) : kiv::unique_fd();
-    const bool opened = fd.is_open();
-    KIV_ASSERT(opened);
+    kiv::unique_fd fd = open_bus(path, bus, kiv::call_site::here());
     if (is_in_table(bus) && g_buses[bus].debug != 0) {
         KIV_LOG_PRNT("open  bus %d - %s file %d deviceAddress 0x%x\n", bus, path, fd.get(), deviceAddress);
     }
-    if (!opened) {
+    if (!fd.is_open()) {
         *handle = {0, -1, 0};
         return KIV_ERR_OPEN;
     }
@@ -228,8 +247,7 @@ int32_t kiv_i2c_open(kiv_i2c_handle *handle, int32_t bus, uint16_t deviceAddress
 
 int32_t kiv_i2c_close(kiv_i2c_handle *handle)
 {
-    KIV_ASSERT(handle != nullptr);
-    if (handle == nullptr) {
+    if (!KIV_HOLDS(handle != nullptr)) {
         return KIV_OK;
     }
     if (is_logged(*handle)) {
@@ -245,20 +263,20 @@ int32_t kiv_i2c_close(kiv_i2c_handle *handle)
 
 int32_t kiv_i2c_read_reg8(kiv_i2c_handle *handle, uint8_t reg, int32_t count, uint8_t *out)
 {
-    return read_register(handle, address8(reg), reg, count, out);
+    return read_register(handle, address8(reg), reg, count, out, kiv::call_site::here());
 }
 
 int32_t kiv_i2c_read_reg16(kiv_i2c_handle *handle, uint16_t reg, int32_t count, uint8_t *out)
 {
-    return read_register(handle, address16(reg), reg, count, out);
+    return read_register(handle, address16(reg), reg, count, out, kiv::call_site::here());
 }
 
 int32_t kiv_i2c_write_reg8(kiv_i2c_handle *handle, uint8_t reg, uint32_t count, const uint8_t *values)
 {
-    return write_register(handle, address8(reg), reg, count, values);
+    return write_register(handle, address8(reg), reg, count, values, kiv::call_site::here());
 }
 
 int32_t kiv_i2c_write_reg16(kiv_i2c_handle *handle, uint16_t reg, uint32_t count, const uint8_t *values)
 {
-    return write_register(handle, address16(reg), reg, count, values);
+    return write_register(handle, address16(reg), reg, count, values, kiv::call_site::here());
 }

@@ -1,7 +1,6 @@
 /**
  * @file kiv_export.h
- * @brief How the declarations of libzol are marked. Included by every header; applications need nothing of
- * it.
+ * @brief Marks for the declarations of libzol. Every header includes it; applications do not use it.
  */
 #ifndef ZOL_KIV_EXPORT_H
 #define ZOL_KIV_EXPORT_H

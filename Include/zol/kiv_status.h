@@ -5,9 +5,11 @@
  * A status is a signed 32-bit value: 0 is success, every failure is negative. A few operations answer with
  * something else (a count, "found" or "not found"); their comments say so.
  *
- * Two rules hold throughout the library: outputs are written on success only, unless an operation says
- * otherwise; and every failure that the caller did not ask about ("does this exist?") has been logged at
- * level ERRR by the time the status is returned.
+ * Outputs are written on success only, unless an operation says otherwise.
+ *
+ * A failed call of the system or of a device is logged at level ERRR before the status is returned, with the
+ * reason. A status that answers a question ("does this token exist?", "is this text a number?") is not
+ * logged, nor is every argument that is refused: look at the status.
  */
 #ifndef ZOL_KIV_STATUS_H
 #define ZOL_KIV_STATUS_H

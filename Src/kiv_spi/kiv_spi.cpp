@@ -1,6 +1,6 @@
 #include "zol/kiv_spi.h"
 
-#include "zol/kiv_debug.h"
+#include "kiv_debug/log_as.h"
 #include "zol/kiv_status.h"
 
 int32_t spi_init(void)

@@ -8,7 +8,10 @@
 #include <cstring>
 
 #include "common/version.h"
-#include "zol/zol.h"
+#include "kiv_debug/log_as.h"
+#include "zol/kiv_debug.h"
+#include "zol/kiv_services.h"
+#include "zol/kiv_status.h"
 
 namespace
 {
@@ -28,26 +31,42 @@ void normalise(timespec &ts) noexcept
     }
 }
 
-int32_t wait_without_limit(pthread_cond_t *cond, pthread_mutex_t *mutex)
+int32_t wait_without_limit(pthread_cond_t *cond, pthread_mutex_t *mutex, kiv::call_site site)
 {
     const int result = pthread_cond_wait(cond, mutex);
     if (result != 0) {
-        KIV_LOG_ERRR("failed pthread_cond_wait = %d\n", result);
+        KIV_LOG_AT(site, ERRR, "failed pthread_cond_wait = %d\n", result);
     }
     return KIV_OK;
+}
+
+int32_t wait_until(const timespec &deadline, pthread_cond_t *cond, pthread_mutex_t *mutex,
+                   kiv::call_site site)
+{
+    const int result = pthread_cond_timedwait(cond, mutex, &deadline);
+    if (result == 0) {
+        return KIV_OK;
+    }
+    if (result == ETIMEDOUT) {
+        KIV_LOG_AT(site, PRNT, "timeout reached %d on cond\n", result);
+        return KIV_ERR_TIMEOUT;
+    }
+    KIV_LOG_AT(site, ERRR, "pthread_cond_timedwait = %d\n", result);
+    return KIV_ERR_SYSTEM;
 }
 
 } // namespace
 
 int32_t kiv_prepare_time_spec(int32_t timeoutUs, struct timespec *ts)
 {
-    KIV_ASSERT(ts != nullptr);
-    if (ts == nullptr) {
+    if (!KIV_HOLDS(ts != nullptr)) {
         return KIV_ERR_INVALID_PARAM;
     }
     timespec deadline{};
     const bool read = clock_gettime(CLOCK_REALTIME, &deadline) == 0;
-    KIV_ASSERT(read);
+    if (!KIV_HOLDS(read)) {
+        KIV_LOG_ERRR("can't read the clock: errno %d\n", errno);
+    }
     deadline.tv_sec += timeoutUs / us_per_second;
     deadline.tv_nsec += timeoutUs % us_per_second * ns_per_us;
     normalise(deadline);
@@ -57,29 +76,19 @@ int32_t kiv_prepare_time_spec(int32_t timeoutUs, struct timespec *ts)
 
 int32_t kiv_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int32_t timeoutUs)
 {
-    KIV_ASSERT(cond != nullptr && mutex != nullptr);
-    if (cond == nullptr || mutex == nullptr) {
+    if (!KIV_HOLDS(cond != nullptr && mutex != nullptr)) {
         return KIV_ERR_INVALID_PARAM;
     }
     if (timeoutUs < 0) {
-        return wait_without_limit(cond, mutex);
+        return wait_without_limit(cond, mutex, kiv::call_site::here());
     }
     timespec deadline{};
     const int32_t status = kiv_prepare_time_spec(timeoutUs, &deadline);
-    KIV_ASSERT(status == KIV_OK);
-    if (status != KIV_OK) {
+    if (!KIV_HOLDS(status == KIV_OK)) {
+        KIV_LOG_ERRR("no deadline %d us from now: not waiting\n", timeoutUs);
         return status;
     }
-    const int result = pthread_cond_timedwait(cond, mutex, &deadline);
-    if (result == 0) {
-        return KIV_OK;
-    }
-    if (result == ETIMEDOUT) {
-        KIV_LOG_PRNT("timeout reached %d on cond\n", result);
-        return KIV_ERR_TIMEOUT;
-    }
-    KIV_LOG_ERRR("pthread_cond_timedwait = %d\n", result);
-    return KIV_ERR_SYSTEM;
+    return wait_until(deadline, cond, mutex, kiv::call_site::here());
 }
 
 int32_t kiv_sscanf(const char *s, const char *format, ...)

@@ -5,33 +5,50 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
+
+#include "common/cancellation.h"
+#include "kiv_debug/log_as.h"
 
 namespace
 {
 
 // The library's state. Written by zol_init() and zol_deinit(), which run on one thread.
 struct library_state {
-    int32_t initialized;  // atomic: kiv_lock() reads it on any thread
-    char configName[64];  // from the configuration, for the log
-    pthread_mutex_t lock; // the application's; exists while initialized
+    std::atomic<int32_t> initialized; // kiv_lock() reads it on any thread
+    char configName[64];              // from the configuration, for the log
+    pthread_mutex_t lock;             // the application's; exists while initialized
 };
 
 library_state g_kiv;
 
 bool is_initialized() noexcept
 {
-    return __atomic_load_n(&g_kiv.initialized, __ATOMIC_ACQUIRE) != 0;
+    return g_kiv.initialized.load(std::memory_order_acquire) != 0;
 }
 
 void set_initialized(bool on) noexcept
 {
-    __atomic_store_n(&g_kiv.initialized, on ? 1 : 0, __ATOMIC_RELEASE);
+    g_kiv.initialized.store(on ? 1 : 0, std::memory_order_release);
+}
+
+// Set while this thread holds the library lock; in a forked child it still holds it.
+thread_local bool t_holds_lock;
+
+// A thread that held the lock is not in the child, so nobody would release it. The fork does not wait for the
+// lock: a thread that holds it may be waiting for the one that forks.
+void free_lock_in_child() noexcept
+{
+    if (is_initialized() && !t_holds_lock) {
+        pthread_mutex_init(&g_kiv.lock, nullptr);
+    }
 }
 
 int32_t create_lock(const char *)
 {
-    return pthread_mutex_init(&g_kiv.lock, nullptr);
+    static const int registered = pthread_atfork(nullptr, nullptr, free_lock_in_child);
+    return registered != 0 ? registered : pthread_mutex_init(&g_kiv.lock, nullptr);
 }
 
 int32_t read_config_name(const char *)
@@ -63,20 +80,20 @@ bool is_not_negative(int32_t result)
 struct startup_step {
     int32_t (*run)(const char *configFile);
     bool (*succeeded)(int32_t result);
-    int line; // of this row: the failed assertion names it, and so the step
+    const char *purpose;
 };
 
 // The order matters: the log level is known once the configuration is loaded, and I2C comes last.
 constexpr startup_step startup_steps[] = {
-    {create_lock, is_zero, __LINE__},
-    {kiv_config_init, is_one, __LINE__},
-    {start<kiv_debug_init>, is_not_negative, __LINE__},
-    {start<kiv_token_init>, is_zero, __LINE__},
-    {start<kiv_gpio_init>, is_zero, __LINE__},
-    {start<kiv_thread_init>, is_not_negative, __LINE__},
-    {start<kiv_events_init>, is_not_negative, __LINE__},
-    {read_config_name, is_one, __LINE__},
-    {start<kiv_i2c_init>, is_zero, __LINE__},
+    {create_lock, is_zero, "create the library lock"},
+    {kiv_config_init, is_one, "load the configuration"},
+    {start<kiv_debug_init>, is_not_negative, "start the log"},
+    {start<kiv_token_init>, is_zero, "start the token store"},
+    {start<kiv_gpio_init>, is_zero, "start the pins"},
+    {start<kiv_thread_init>, is_not_negative, "start the worker threads"},
+    {start<kiv_events_init>, is_not_negative, "start the events"},
+    {read_config_name, is_one, "read general.configName"},
+    {start<kiv_i2c_init>, is_zero, "start I2C"},
 };
 
 int32_t deinit_tokens()
@@ -104,26 +121,21 @@ bool is_reported(const startup_step &step, int32_t result)
     return step.run == kiv_config_init && result == 0;
 }
 
-void report_failed_step(const startup_step &step)
-{
-    _kiv_block_print(1, KIV_LOG_PREFIX_ERRR "ASSERT FAILED [%s][%d]\n", "zol_init", step.line,
-                     KIV_SOURCE_PATH, step.line);
-}
-
-bool run_step(const startup_step &step, const char *configFile)
+bool run_step(const startup_step &step, const char *configFile, kiv::call_site site)
 {
     const int32_t result = step.run(configFile);
     const bool succeeded = step.succeeded(result);
     if (!succeeded && !is_reported(step, result)) {
-        report_failed_step(step);
+        static_cast<void>(KIV_HOLDS_AT(site, succeeded));
+        KIV_LOG_AT(site, ERRR, "can't %s: result %d\n", step.purpose, result);
     }
     return succeeded;
 }
 
-bool run_startup(const char *configFile)
+bool run_startup(const char *configFile, kiv::call_site site)
 {
     return std::all_of(std::begin(startup_steps), std::end(startup_steps),
-                       [configFile](const startup_step &step) { return run_step(step, configFile); });
+                       [=](const startup_step &step) { return run_step(step, configFile, site); });
 }
 
 } // namespace
@@ -135,7 +147,8 @@ int32_t zol_init(const char *configFile)
     }
     KIV_LOG_PRNT("initialize kiv\n");
     g_kiv.configName[0] = '\0';
-    const bool started = run_startup(configFile != nullptr ? configFile : "/etc/kiv/conf.xml");
+    const bool started =
+        run_startup(configFile != nullptr ? configFile : "/etc/kiv/conf.xml", kiv::call_site::here());
     KIV_LOG_PRNT("initialize kiv - configName[%s]\n", g_kiv.configName);
     if (!started) {
         deinit_modules();
@@ -154,6 +167,7 @@ int32_t zol_deinit(void)
         kiv_test_util_deinit();
         return KIV_ERR_STATE;
     }
+    const kiv::cancellation_off uncancelled; // the lock is held while threads are joined
     kiv_lock();
     deinit_modules();
     kiv_test_util_deinit();
@@ -165,19 +179,16 @@ int32_t zol_deinit(void)
 
 void kiv_lock(void)
 {
-    const bool initialized = is_initialized();
-    KIV_ASSERT(initialized);
-    if (initialized) {
+    if (KIV_HOLDS(is_initialized())) {
         const int result = pthread_mutex_lock(&g_kiv.lock);
-        KIV_ASSERT(result == 0);
+        t_holds_lock = KIV_HOLDS(result == 0);
     }
 }
 
 void kiv_unlock(void)
 {
-    const bool initialized = is_initialized();
-    KIV_ASSERT(initialized);
-    if (initialized) {
+    if (KIV_HOLDS(is_initialized())) {
+        t_holds_lock = false;
         const int result = pthread_mutex_unlock(&g_kiv.lock);
         KIV_ASSERT(result == 0);
     }

@@ -32,7 +32,8 @@ KIV_EXTERN_C_BEGIN
 /**
  * The entry of a test module.
  * @param argc,argv  The whole command line of the tool. getopt's global optind stands behind the last option
- * that the driver took, so a module goes on parsing with a getopt_long() table of its own.
+ *                   that the driver took, in every pass, so a module goes on parsing with a getopt_long()
+ *                   table of its own.
  * @param testFlags  KIV_TEST_FLAG_... bits.
  * @return 1 passed, 0 failed; neither the driver nor the registry looks at it.
  */
@@ -40,14 +41,14 @@ typedef int (*kiv_test_handler)(int argc, char **argv, unsigned testFlags);
 
 /** A test module. The texts must outlive the registry. */
 typedef struct kiv_test_item {
-    const char *name;         /**< what -t and -m select it by, matched exactly */
+    const char *name;         /**< the name for -t and -m, matched exactly */
     const char *description;  /**< one line for the list of modules */
     const char *parameters;   /**< help on the module's own options, may be "" */
     kiv_test_handler handler; /**< null: the module is listed and found, and nothing runs */
     uint32_t inAll;           /**< non-zero: the test "all" runs it, if it is one of the tool's own */
 } kiv_test_item;
 
-/** What the command line of the tool says. The texts point into argv or at literals. */
+/** The values from the command line of the tool. The texts point into argv or at literals. */
 typedef struct kiv_test_params {
     uint32_t isSimulator;      /**< -s */
     uint32_t isForceDebug;     /**< -x */
@@ -94,9 +95,9 @@ KIV_API int stoi(const char *str);
 
 /**
  * The tool itself: parses the command line, starts the library, runs the chosen test, stops the library.
- * Help ends the process.
- * @return What zol_deinit() returned: negative where an option was rejected or the library could not be
- * started.
+ * Help ends the process with status 0. Its log lines bear the name "main".
+ * @return The status of zol_deinit(), which is negative when an option was rejected or the library could not be
+ *         started.
  */
 KIV_API int kiv_test_main(int argc, char **argv);
 

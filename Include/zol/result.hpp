@@ -1,21 +1,15 @@
 /**
- * @file zol_result.hpp
- * @brief Results, bytes, time limits and owners: what zol.hpp, which includes this, is made of.
+ * @file result.hpp
+ * @brief Errors, and results: a value, or why there is none.
  */
-#ifndef ZOL_ZOL_RESULT_HPP
-#define ZOL_ZOL_RESULT_HPP
+#ifndef ZOL_RESULT_HPP
+#define ZOL_RESULT_HPP
 
 #include <algorithm>
-#include <chrono>
-#include <cstddef>
+#include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <memory>
 #include <optional>
-#include <ranges>
-#include <span>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <type_traits>
 #include <utility>
@@ -111,6 +105,31 @@ inline std::error_code make_error_code(error status) noexcept
     return {static_cast<int>(status), error_category()};
 }
 
+namespace detail
+{
+
+/// How a call of the C interface ended.
+struct outcome {
+    error status;
+    int system_error;
+};
+
+/// Calls the C interface. errno is cleared before, so that one of an earlier call is not taken for its own.
+template <typename... Parameters, typename... Arguments>
+outcome call(std::int32_t (*function)(Parameters...), Arguments... arguments) noexcept
+{
+    errno = 0;
+    const std::int32_t status = function(arguments...);
+    return {static_cast<error>(status), status == KIV_OK ? 0 : errno};
+}
+
+inline std::error_code system_code(int system_error) noexcept
+{
+    return {system_error, std::generic_category()};
+}
+
+} // namespace detail
+
 /**
  * A value, or why there is none. As with an std::optional, look first, then dereference.
  * @code
@@ -118,6 +137,12 @@ inline std::error_code make_error_code(error status) noexcept
  *     if (!level && level.error() != std::errc::invalid_argument)
  *         report(level.error().message());
  * @endcode
+ *
+ * **The cause.** error() is what the C interface returned. cause() is errno as the failed C call left it: it
+ * names the failure of the operating system behind error::open, error::not_found, error::write and
+ * error::system, such as "No such file or directory" or "Remote I/O error". It is a clue, not a contract:
+ * several calls of the system may have failed, of which it names the last. It is 0 where none failed, for
+ * example with a wrong argument.
  */
 template <typename T = void>
 class [[nodiscard]] result
@@ -127,11 +152,13 @@ public:
     result(T value) noexcept : value_(std::move(value)) {}
     /// Failure.
     result(zol::error error) noexcept : error_(error) {}
+    /// Failure of a call of the C interface.
+    result(detail::outcome failed) noexcept : error_(failed.status), system_error_(failed.system_error) {}
 
-    /// Whether there is a value.
+    /// True when there is a value.
     explicit operator bool() const noexcept { return value_.has_value(); }
     /// @name The value
-    /// Where there is one.
+    /// Only when there is one.
     /// @{
 
     /// By reference.
@@ -144,143 +171,48 @@ public:
     const T *operator->() const noexcept { return &*value_; }
     /// @}
 
-    /// Why there is no value; 0 where there is one.
+    /// The reason for a missing value; 0 when there is a value.
     [[nodiscard]] std::error_code error() const noexcept { return error_; }
+    /// The failure of the operating system behind it; 0 when there is none.
+    [[nodiscard]] std::error_code cause() const noexcept { return detail::system_code(system_error_); }
 
 private:
     std::optional<T> value_;
     zol::error error_ = zol::error::none;
+    int system_error_ = 0;
 };
 
-/// Whether it succeeded, and nothing else.
+/// A success or a failure, without a value.
 template <>
 class [[nodiscard]] result<void>
 {
 public:
     /// error::none is success.
     result(zol::error error) noexcept : error_(error) {}
-    /// From a status of the C interface.
-    explicit result(std::int32_t status) noexcept : error_(static_cast<zol::error>(status)) {}
+    /// The outcome of a call of the C interface.
+    result(detail::outcome outcome) noexcept : error_(outcome.status), system_error_(outcome.system_error) {}
 
-    /// Whether it succeeded.
+    /// True on success.
     explicit operator bool() const noexcept { return error_ == zol::error::none; }
-    /// Why it failed; 0 where it did not.
+    /// The reason for the failure; 0 on success.
     [[nodiscard]] std::error_code error() const noexcept { return error_; }
+    /// The failure of the operating system behind it; 0 when there is none.
+    [[nodiscard]] std::error_code cause() const noexcept { return detail::system_code(system_error_); }
 
 private:
     zol::error error_;
+    int system_error_ = 0;
 };
-
-/// A payload.
-using bytes = std::span<const std::byte>;
-
-/// What consists of its own bytes. What pointers and views refer to lies elsewhere.
-template <typename T>
-concept plain = std::is_trivially_copyable_v<T> && !std::is_pointer_v<T> && !std::ranges::view<T>;
-
-/// The bytes of a variable, to be sent or filled. Those of a literal include its end.
-template <plain T>
-[[nodiscard]] auto bytes_of(T &value) noexcept
-{
-    if constexpr (std::is_const_v<T>) {
-        return bytes(std::as_bytes(std::span(&value, 1)));
-    } else {
-        return std::span<std::byte>(std::as_writable_bytes(std::span(&value, 1)));
-    }
-}
-/// The bytes of a text, without an end.
-[[nodiscard]] inline bytes bytes_of(std::string_view text) noexcept
-{
-    return std::as_bytes(std::span(text));
-}
-
-/// The way back: a copy of the value, if that has as many bytes.
-template <plain T>
-[[nodiscard]] std::optional<T> from_bytes(bytes from) noexcept
-{
-    std::optional<T> value;
-    if (from.size() == sizeof(T)) {
-        std::memcpy(&value.emplace(), from.data(), sizeof(T));
-    }
-    return value;
-}
-
-/// How long to wait: any std::chrono duration, or zol::no_limit. Zero and less do not wait.
-class time_limit
-{
-public:
-    /// Microseconds count, rounded up; what is longer than 285 years has no limit.
-    template <typename Rep, typename Period>
-    constexpr time_limit(std::chrono::duration<Rep, Period> limit) noexcept
-        : us_(limit <= limit.zero() ? 0
-              : std::chrono::duration<double, std::micro>(limit).count() < unlimited
-                  ? std::chrono::ceil<std::chrono::microseconds>(limit).count()
-                  : unlimited)
-    {
-    }
-
-    /// Whether there is a limit.
-    [[nodiscard]] constexpr bool is_limited() const noexcept { return us_ != unlimited; }
-    /// The limit.
-    [[nodiscard]] constexpr std::int64_t microseconds() const noexcept { return us_; }
-
-private:
-    static constexpr std::int64_t unlimited = std::int64_t{1} << 53;
-    std::int64_t us_;
-};
-
-/// Waits for ever.
-inline constexpr time_limit no_limit{std::chrono::hours::max()};
 
 namespace detail
 {
 
-/// What a call has made, unless its status is a failure.
+/// The value that a call has made, unless it failed.
 template <typename T, typename From>
-result<T> made(std::int32_t status, const From &from) noexcept
+result<T> made(outcome outcome, const From &from) noexcept
 {
-    return status == KIV_OK ? result<T>(T(from)) : static_cast<zol::error>(status);
+    return outcome.status == error::none ? result<T>(T(from)) : outcome;
 }
-
-template <auto Release>
-struct releaser {
-    void operator()(auto *object) const noexcept { Release(object); }
-};
-
-/// Owns what the C interface hands out as a pointer.
-template <typename T, auto Release>
-using pointer = std::unique_ptr<T, releaser<Release>>;
-
-/// Owns what it hands out as a value.
-template <typename T, auto Release>
-class owned
-{
-public:
-    owned() = default;
-    explicit owned(T value) noexcept : value_(value), is_owner_(true) {}
-    owned(owned &&other) noexcept : value_(other.value_), is_owner_(std::exchange(other.is_owner_, false)) {}
-    owned &operator=(owned &&other) noexcept
-    {
-        owned taken(std::move(other));
-        std::swap(value_, taken.value_);
-        std::swap(is_owner_, taken.is_owner_);
-        return *this;
-    }
-    ~owned()
-    {
-        if (is_owner_) {
-            Release(value_);
-        }
-    }
-
-    explicit operator bool() const noexcept { return is_owner_; }
-    [[nodiscard]] T *get() noexcept { return is_owner_ ? &value_ : nullptr; }
-    [[nodiscard]] const T *get() const noexcept { return is_owner_ ? &value_ : nullptr; }
-
-private:
-    T value_{};
-    bool is_owner_ = false;
-};
 
 } // namespace detail
 

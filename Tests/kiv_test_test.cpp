@@ -1,14 +1,25 @@
+// The test tool: its registry, its driver, and its modules, whose sleeps take a thousandth of their time.
+
 #include "zol/kiv_test.h"
 
+#include <getopt.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
+#include <vector>
 
+#include "support/eventually.h"
+#include "support/fake_host.h"
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
+#include "support/scratch.h"
+#include "support/text.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 
+using strings = std::vector<std::string>;
+using zol_test::count_of;
 using zol_test::log_capture;
 
 namespace
@@ -34,10 +45,9 @@ TEST(TestRegistry, FindsTheLatestRecordOfAName)
         ASSERT_EQ(kiv_test_util_register(&item), KIV_OK);
     }
     EXPECT_EQ(kiv_test_util_match("alpha", 3, nullptr, 2), 1);
-    EXPECT_TRUE(g_handled == 3 && g_flags == 2) << "by the third, which stands before the first";
     EXPECT_EQ(kiv_test_util_match("Alpha", 3, nullptr, 0), 0);
     EXPECT_EQ(kiv_test_util_match(nullptr, 3, nullptr, 0), 1) << "a null name is an empty one";
-    EXPECT_EQ(g_handled, 3);
+    EXPECT_TRUE(g_handled == 3 && g_flags == 2) << "the third record hides the first";
     log_capture log;
     kiv_test_util_print_modules("");
     kiv_test_util_print_modules("alpha");
@@ -47,42 +57,150 @@ TEST(TestRegistry, FindsTheLatestRecordOfAName)
               "  Test         : \033[32m\"alpha\"\033[0m\n  Description  : third\n  Parameters   : \n-b\n\n"
               "  Test         : \033[32m\"alpha\"\033[0m\n  Description  : first\n  Parameters   : \n-a\n\n");
     kiv_test_util_deinit();
-    EXPECT_EQ(kiv_test_util_match("alpha", 1, nullptr, 0), 0);
-    EXPECT_EQ(kiv_test_util_print_modules("alpha"), 0);
-    EXPECT_TRUE(log.has("ERRR", "Can't findtest (alpha)"));
-}
-
-TEST(TestRegistry, IsUnchangedWhenMemoryIsExhausted)
-{
-    const kiv_test_item item = {"gamma", "", "", nullptr, 0};
-    const zol_test::sweep_result result = zol_test::sweep_faults([&item]() -> std::string {
-        const bool failed = kiv_test_util_register(&item) == KIV_ERR_SYSTEM;
-        const bool found = kiv_test_util_match("gamma", 0, nullptr, 0) == 1;
-        kiv_test_util_deinit();
-        return failed != found && failed == !zol_test::failed_call().empty() ? "" : "half registered";
-    });
-    EXPECT_EQ(result.complaints, "");
-    EXPECT_EQ(result.failures, 1);
-    log_capture log;
     EXPECT_EQ(kiv_test_util_register(nullptr), KIV_ERR_INVALID_PARAM);
+    const int failures = zol_test::handled_failures([&items] {
+        const bool failed = kiv_test_util_register(&items[1]) == KIV_ERR_SYSTEM;
+        const bool found = kiv_test_util_match("beta", 0, nullptr, 0) == 1;
+        kiv_test_util_deinit();
+        return failed != found && failed == !zol_test::failed_call().empty();
+    });
+    EXPECT_EQ(failures, 1) << "the record";
 }
 
-TEST(TestRegistry, NumbersOfTheCommandLine)
+// Ends with a null pointer, as the arguments of a program do.
+std::vector<char *> arguments_of(strings &words)
 {
-    const struct {
-        const char *text;
-        int number;
-        bool reported;
-    } cases[] = {{"0x1F", 31, false}, {"ff", 255, false}, {"12", 12, false},        {"-5", -5, false},
-                 {"1f", 1, false},    {"0X1F", 0, false}, {"", 0, false},           {"0", 0, false},
-                 {"0x", 0, false},    {"zz", 0, true},    {"99999999999", 0, true}, {"0xzz", 0, false},
-                 {" ", 0, false},     {"-", 0, true},     {"0xffffffff", -1, false}};
-    for (const auto &[text, number, reported] : cases) {
-        log_capture log;
-        EXPECT_EQ(stoi(text), number) << text;
-        EXPECT_EQ(log.has("ERRR", std::string("can't convert [") + text + "] to int"), reported) << text;
+    std::vector<char *> argv;
+    for (std::string &word : words) {
+        argv.push_back(word.data());
     }
-    EXPECT_EQ(stoi(nullptr), 0);
+    argv.push_back(nullptr);
+    return argv;
+}
+
+std::string g_options;
+
+// Notes its options, as a module parses them.
+int note_options(int argc, char **argv, unsigned)
+{
+    for (int letter = 0; (letter = getopt(argc, argv, "n:ab")) != -1;) {
+        g_options += std::string(1, static_cast<char>(letter)) + (letter == 'n' ? optarg : "");
+        if (letter == 'b') {
+            break; // in the middle of a word
+        }
+    }
+    g_options += ' ';
+    return 1;
+}
+
+TEST(TestDriver, LeavesTheSameWordsToTheModuleInEveryPass)
+{
+    const zol_test::scratch_directory scratch;
+    const kiv_test_item item = {"probe", "", "", note_options, 0};
+    const std::string file = scratch.write("conf.xml", zol_test::minimal_configuration());
+    const auto run_twice = [&] {
+        bool succeeded = true;
+        for (int run = 0; run < 2; ++run) {
+            strings words = {"kivtest.exe", "-c",    file, "word", "-R",   "2",
+                             "-m",          "probe", "-n", "7",    "more", "-aba"};
+            kiv_test_util_register(&item);
+            succeeded &= kiv_test_main(static_cast<int>(words.size()), arguments_of(words).data()) == KIV_OK;
+        }
+        _exit(succeeded && g_options == "n7ab n7ab n7ab n7ab "
+                  ? 7
+                  : 1); // a driver that shows its help exits with 0
+    };
+    EXPECT_EXIT(run_twice(), testing::ExitedWithCode(7), "");
+}
+
+class Modules : public testing::Test
+{
+protected:
+    // Runs a module as the driver does, with the options that are left to it.
+    static int run(kiv_test_handler module, strings words)
+    {
+        words.insert(words.begin(), "kivtest.exe");
+        optind = 0; // getopt forgets the command line before, which is gone
+        g_debugLevel = 2;
+        return module(static_cast<int>(words.size()), arguments_of(words).data(), 0);
+    }
+
+    zol_test::scratch_directory scratch_;
+    zol_test::fake_host host_{scratch_.path(), "/media/internal"};
+    log_capture log_;
+};
+
+TEST_F(Modules, ThreadTestPrintsEveryMessage)
+{
+    EXPECT_EQ(run(_test_kiv_thread, {}), 1);
+    const std::string from = " : thread(threadA) msgId(";
+    const std::string out = log_.out();
+    const std::size_t lines = count_of(out, from);
+    EXPECT_EQ(count_of(out, from + "100) pData(Shalom          ) - handle\n"), 5U);
+    EXPECT_EQ(count_of(out, from + "100) pData(sync            ) - handle\n"), 5U);
+    EXPECT_EQ(count_of(out, from + "  3) pData(timeout         ) - handle\n"), lines - 5 - 5 - 1);
+    EXPECT_EQ(count_of(out, std::to_string(lines - 1) + from + "  2) pData(?!?             ) - handle\n"),
+              1U);
+    EXPECT_TRUE(log_.has("PRNT", "sending 5 messages"));
+
+    const int failures = zol_test::handled_failures(
+        [] { return (run(_test_kiv_thread, {}) == 1) == zol_test::failed_call().empty(); });
+    EXPECT_GE(failures, 10 + 5) << "a stop without memory among them";
+}
+
+TEST_F(Modules, StressWorkersWriteTheirFiles)
+{
+    const auto size_of = [this](const std::string &name) {
+        std::error_code error;
+        return std::filesystem::file_size(scratch_.path() / name, error);
+    };
+    EXPECT_EQ(run(_kiv_test_biostress, {"-t", "3", "-f", "2", "-s", "5000", "-d", "1000"}), 1);
+    EXPECT_EQ(count_of(log_.out(), "param [ 3 /  9] is 't' (116)\nthreads is 3\n"), 1U);
+    EXPECT_TRUE(zol_test::eventually([&] { // a slow machine needs more than a run
+        return size_of("stress_0_file_0.bin") == 5000 || run(_kiv_test_biostress, {"-t", "3"}) != 1;
+    }));
+    EXPECT_TRUE(size_of("stress_0_file_2.bin") == 5000 && size_of("stress_0_file_3.bin") != 5000);
+    for (const std::string worker : {"0", "1", "2"}) {
+        EXPECT_EQ(size_of("stress_" + worker + "_file_1.bin"), 5000U) << "the exit message made it write";
+    }
+    EXPECT_TRUE(log_.texts("ERRR").empty());
+    EXPECT_GE(count_of(log_.out(), "\033[36mstopping thread (stress)(2)\n\033[0m"), 1U);
+    EXPECT_EQ(run(_kiv_test_biostress, {"-t", "250", "-t", "0"}), 1);
+    EXPECT_EQ(count_of(log_.out(), "threads is 100\n"), 1U);
+}
+
+// Each run meets the same failure many times.
+TEST_F(Modules, StressWorkersReportEachCauseOnce)
+{
+    const std::string name = "stress_0_file_";
+    const struct {
+        const char *target, *error, *cause;
+    } cases[] = {{"/dev/null", "File ", " holds 0 bytes, 5000 were written"},
+                 {"/dev/full", "Can't write file ", ", errno 28"},
+                 {"none/file", "Can't open file ", ", errno 2"}};
+    for (const auto &[target, error, cause] : cases) {
+        for (const char *file : {"0.bin", "1.bin"}) {
+            std::filesystem::remove(scratch_.path() / (name + file));
+            std::filesystem::create_symlink(target, scratch_.path() / (name + file));
+        }
+        log_capture log;
+        EXPECT_EQ(run(_kiv_test_biostress, {"-t", "1", "-f", "1", "-s", "5000", "-d", "0"}), 1);
+        EXPECT_EQ(log.texts("ERRR"), strings{error + ("/media/internal/" + name) + "1.bin" + cause});
+    }
+}
+
+TEST_F(Modules, BenchmarkRunsItsOptionsInOrder)
+{
+    EXPECT_EQ(run(_zol_test_cpubench, {"-l", "2500", "-m", "-l", "3", "-d", "1", "-s", "10", "-p", "-1"}), 1);
+    const std::string out = log_.out();
+    EXPECT_LT(out.find("size_bytes 4097, loop_cnt 2500\n"),
+              out.find("spin_cnt: 10, sleep_cnt: 1, sleep_duration_ms: 1, loop_cnt: 3\n"));
+    EXPECT_EQ(count_of(out, "max_usec_delta"), 2U);
+    EXPECT_EQ(count_of(out, "\033[36m" + std::string(68, '=') + "\n\033[0m"), 3U + 3U + 3U);
+    EXPECT_TRUE(log_.texts("ERRR").empty());
+    EXPECT_EQ(run(_zol_test_cpubench, {"-l", "0", "-p", "-z", "-1", "-l", "1", "-m"}), 1);
+    EXPECT_EQ(count_of(log_.out(), "avg_usec_delta 0 [usec]"), 1U);
+    EXPECT_TRUE(log_.has("ERRR", "_zol_cpu_mmapbench, failed allocating -1 bytes (errno 12)"));
 }
 
 } // namespace

@@ -1,8 +1,14 @@
 #include "builtin_tests.h"
 
+#include <cstring>
+
+#include "kiv_debug/log_as.h"
+
 namespace
 {
 
+// The help lists the latest record first, so the order here is that of the help read backwards. The texts are shown
+// as they are, aligned or not.
 constexpr kiv_test_item g_testItems[] = {
     {"gpio", "test the kiv_gpio module", "TBD", test_gpio, 0},
     {"kiv_thread", "Test the kiv_thread module", "", _test_kiv_thread, 1},
@@ -22,9 +28,32 @@ constexpr kiv_test_item g_testItems[] = {
     {"kiv_tokens", "Test kiv_tokens module", "", _kiv_test_tokens, 0},
 };
 
+// These two modules have options that their records do not list.
+struct own_help {
+    const char *name;
+    void (*print)();
+};
+
+constexpr own_help own_helps[] = {
+    {"gpio", kiv::print_gpio_test_help},
+    {"events", kiv::print_events_test_help},
+};
+
 } // namespace
 
 std::span<const kiv_test_item> kiv::builtin_tests() noexcept
 {
     return g_testItems;
+}
+
+void kiv::print_own_help(const char *name)
+{
+    if (g_debugLevel < level::PRNT) { // the gpio module logs its list
+        g_debugLevel = level::PRNT;   // no other thread runs yet
+    }
+    for (const own_help &help : own_helps) {
+        if (std::strcmp(help.name, name) == 0) {
+            help.print();
+        }
+    }
 }

@@ -4,10 +4,13 @@
 #include <cstring>
 
 #include "common/text.h"
+#include "kiv_debug/log_as.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 #include "zol/kiv_test.h"
 #include "zol/kiv_thread.h"
+
+using kiv::call_site;
 
 namespace
 {
@@ -26,18 +29,18 @@ int32_t _test_kiv_thread_msg(kiv_thread *thread, kiv_message *msg)
     return 0;
 }
 
-// The worker frees what it took.
-bool send_or_free(kiv_thread &thread, kiv_message *message)
+// The worker frees a message that it has accepted.
+bool send_or_free(kiv_thread &thread, kiv_message *message, call_site site)
 {
-    const bool sent = kiv_thread_sendMsg(&thread, message) == KIV_OK;
-    KIV_ASSERT(sent);
+    const bool sent = KIV_HOLDS_AT(site, kiv_thread_sendMsg(&thread, message) == KIV_OK);
     if (!sent) {
         kiv_message_free(message);
     }
     return sent;
 }
 
-bool send_async(kiv_thread &thread)
+// The pause before each message lets the worker time out in between.
+bool send_async(kiv_thread &thread, call_site site)
 {
     kiv_message *const message = kiv_message_new(test_message, 0);
     if (message == nullptr) {
@@ -45,10 +48,10 @@ bool send_async(kiv_thread &thread)
     }
     message->pData = const_cast<char *>("Shalom");
     kiv_thread_sleep(pause_us);
-    return send_or_free(thread, message);
+    return send_or_free(thread, message, site);
 }
 
-bool send_sync(kiv_thread &thread)
+bool send_sync(kiv_thread &thread, call_site site)
 {
     kiv_message *const message = kiv_message_new(test_message, 0);
     if (message == nullptr) {
@@ -57,17 +60,31 @@ bool send_sync(kiv_thread &thread)
     message->pData = const_cast<char *>("sync");
     message->isSync = 1;
     message->syncTimeout = sync_timeout_us;
-    return send_or_free(thread, message);
+    return send_or_free(thread, message, site);
 }
 
-bool send_all(kiv_thread &thread, bool (*send)(kiv_thread &))
+// The first failure ends the sending: the worker may be gone.
+bool send_all(kiv_thread &thread, bool (*send)(kiv_thread &, call_site), call_site site)
 {
     for (int i = 0; i < messages; ++i) {
-        if (!send(thread)) {
+        if (!send(thread, site)) {
             return false;
         }
     }
     return true;
+}
+
+// When there is no memory for the stop, the flag ends the worker. The worker must be gone before the test returns,
+// because its object is on the stack.
+bool stop_and_delete(kiv_thread &thread, call_site site)
+{
+    const bool stopped = KIV_HOLDS_AT(site, kiv_thread_stop(&thread) == KIV_OK);
+    if (!stopped && thread.gthread != nullptr) {
+        __atomic_store_n(&thread.running, 0, __ATOMIC_RELEASE);
+        kiv_thread_join(&thread);
+    }
+    const bool deleted = KIV_HOLDS_AT(site, kiv_thread_delete(&thread) == KIV_OK);
+    return stopped && deleted;
 }
 
 } // namespace
@@ -83,13 +100,11 @@ int _test_kiv_thread(int, char **, unsigned)
 
     KIV_LOG_PRNT("test kiv_thread - start\n");
     KIV_LOG_PRNT("sending %d messages\n", messages);
-    const bool created = kiv_thread_create(&thread, &params) == KIV_OK;
-    KIV_ASSERT(created);
-    const bool started = kiv_thread_start(&thread) == KIV_OK;
-    KIV_ASSERT(started);
-    const bool passed = started && send_all(thread, send_async) && send_all(thread, send_sync);
-    kiv_thread_stop(&thread);
-    kiv_thread_delete(&thread);
+    KIV_ASSERT(kiv_thread_create(&thread, &params) == KIV_OK); // the start fails in its turn
+    const bool handled = KIV_HOLDS(kiv_thread_start(&thread) == KIV_OK) &&
+                         send_all(thread, send_async, call_site::here()) &&
+                         send_all(thread, send_sync, call_site::here());
+    const bool ended = stop_and_delete(thread, call_site::here());
     KIV_LOG_PRNT("test kiv_thread - end\n");
-    return passed ? 1 : 0;
+    return handled && ended ? 1 : 0;
 }

@@ -11,11 +11,18 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <utility>
 
+#include "common/cancellation.h"
+#include "common/owner.h"
+#include "kiv_debug/log_as.h"
+#include "kiv_test/option_loop.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 #include "zol/kiv_test.h"
 #include "zol/kiv_thread.h"
+
+using kiv::call_site;
 
 namespace
 {
@@ -28,18 +35,18 @@ constexpr char worker_name[] = "stress";
 uint32_t threads = 10;
 uint32_t files = 10; // highest file index of a worker
 uint32_t file_size = 1'048'576;
-uint32_t delay = 100; // microseconds
+uint32_t delay = 100; // microseconds without a message, after which a worker writes its next file
 
-struct block_deleter {
-    void operator()(char *block) const noexcept { std::free(block); }
-};
+constexpr char handler_routine[] = "_test_thread_handleMsg";
 
-using unique_block = std::unique_ptr<char, block_deleter>;
+using owned_block = kiv::owner<char, free>;
+using owned_file = kiv::owner<FILE, fclose>;
 
 const char *buffer; // what all workers write; set while none of them runs
 timeval g_start_tp;
 pthread_mutex_t g_printsMutex;
 
+// The handler finds its record as the user data of its worker.
 struct stressWorker {
     uint32_t index;
     const char *name;
@@ -48,6 +55,18 @@ struct stressWorker {
     kiv_thread thread;
     uint32_t msgCount;
 };
+
+// The steps of a message, each of which may fail.
+enum step { open_step, write_step, read_step, compare_step, steps };
+
+// A worker meets the same failure for every file: each cause is reported once.
+struct reporting_worker : stressWorker {
+    int reported[steps]; // the errno that was reported last
+
+    bool is_news(step where, int cause) noexcept { return std::exchange(reported[where], cause) != cause; }
+};
+
+constexpr int no_errno = -1; // the cause of what is no failed call
 
 struct stamp {
     int seconds;
@@ -62,22 +81,17 @@ stamp stamp_now()
 }
 
 // A line of the test's own, with a time counted from its start.
-#define STRESS_LOG(text, ...)                                                                                \
+#define STRESS_LOG(site, text, ...)                                                                          \
     do {                                                                                                     \
+        const kiv::cancellation_off uncancelled;                                                             \
         pthread_mutex_lock(&g_printsMutex);                                                                  \
         const stamp at = stamp_now();                                                                        \
-        KIV_LOG_PRNT("t(%3d.%-3d) \033[36m" text "\n\033[0m", at.seconds,                                    \
-                     at.milliseconds __VA_OPT__(, ) __VA_ARGS__);                                            \
+        KIV_LOG_AT(site, PRNT, "t(%3d.%-3d) \033[36m" text "\n\033[0m", at.seconds,                          \
+                   at.milliseconds __VA_OPT__(, ) __VA_ARGS__);                                              \
         pthread_mutex_unlock(&g_printsMutex);                                                                \
     } while (0)
 
-struct file_closer {
-    void operator()(FILE *file) const noexcept { std::fclose(file); }
-};
-
-using unique_file = std::unique_ptr<FILE, file_closer>;
-
-// How many bytes a file holds; of one that holds more than were written, just that it does.
+// Counts the bytes of a file. Stops when it holds more than were written.
 std::size_t count_bytes(FILE *file)
 {
     char block[4096];
@@ -89,32 +103,48 @@ std::size_t count_bytes(FILE *file)
     return total;
 }
 
-void write_and_read_back(const char *path)
+void report(reporting_worker &worker, step where, const char *what, int error)
 {
-    const unique_file file(std::fopen(path, "w+e"));
-    if (file == nullptr) {
-        KIV_LOG_ERRR("Can't open file %s, errno %d\n", path, errno);
-        return;
+    if (worker.is_news(where, error)) {
+        KIV_LOG_AS(handler_routine, ERRR, "Can't %s file %s, errno %d\n", what, worker.path, error);
     }
-    std::fwrite(buffer, 1, file_size, file.get());
-    std::fflush(file.get());
-    std::rewind(file.get());
-    const std::size_t read = count_bytes(file.get());
-    if (read != file_size) {
-        KIV_LOG_ERRR("File %s holds %zu bytes, %u were written\n", path, read, file_size);
+}
+
+void read_back(reporting_worker &worker, FILE *file)
+{
+    std::rewind(file);
+    const std::size_t read = count_bytes(file);
+    if (std::ferror(file) != 0) {
+        report(worker, read_step, "read", errno);
+    } else if (read != file_size && worker.is_news(compare_step, no_errno)) {
+        KIV_LOG_AS(handler_routine, ERRR, "File %s holds %zu bytes, %u were written\n", worker.path, read,
+                   file_size);
+    }
+}
+
+void write_and_read_back(reporting_worker &worker)
+{
+    const owned_file file(std::fopen(worker.path, "w+e"));
+    if (file == nullptr) {
+        report(worker, open_step, "open", errno);
+    } else if (std::fwrite(buffer, 1, file_size, file.get()) != file_size || std::fflush(file.get()) != 0) {
+        report(worker, write_step, "write", errno);
+    } else {
+        read_back(worker, file.get());
     }
 }
 
 int32_t _test_thread_handleMsg(kiv_thread *thread, kiv_message *)
 {
-    auto *const worker = static_cast<stressWorker *>(thread->userData);
+    auto *const worker = static_cast<reporting_worker *>(thread->userData);
     ++worker->msgCount;
     worker->fileIndex = worker->fileIndex + 1 > files ? 0 : worker->fileIndex + 1;
     std::snprintf(worker->path, sizeof worker->path, "/media/internal/stress_%d_file_%d.bin",
                   static_cast<int>(worker->index), static_cast<int>(worker->fileIndex));
-    if (buffer != nullptr) {
-        write_and_read_back(worker->path);
+    if (buffer != nullptr) { // without memory the workers run, and write nothing
+        write_and_read_back(*worker);
     }
+    // Set by each message: a worker starts with the default, which is too long for a stress.
     thread->timeout = static_cast<int32_t>(delay);
     return 0;
 }
@@ -157,59 +187,52 @@ void apply_option(int letter, bool &run_forever)
     }
 }
 
-// @return Whether to run forever.
+// @return True: run forever.
 bool parse_options(int argc, char **argv, bool run_forever)
 {
-    int letter = 0;
-    do {
-        letter = getopt_long(argc, argv, shortOptions, longOptions, nullptr);
-        std::printf("param [%2d / %2d] is '%c' (%d)\n", optind, argc, letter, letter);
-        apply_option(letter, run_forever);
-    } while (letter != -1 && optind != argc);
+    kiv::for_each_option(argc, argv, shortOptions, longOptions,
+                         [&run_forever](int letter) { apply_option(letter, run_forever); });
     return run_forever;
 }
 
-bool create_workers(stressWorker *workers)
+// The first failure ends the creation; the workers before it run.
+bool create_workers(reporting_worker *workers, call_site site)
 {
     for (uint32_t index = 0; index < threads; ++index) {
-        stressWorker &worker = workers[index];
+        reporting_worker &worker = workers[index];
         worker.index = index;
         worker.name = worker_name;
-        STRESS_LOG("creating thread (%s)(%d)", worker.name, static_cast<int>(index));
-        const bool created =
-            kiv_thread_create_default(&worker.thread, worker.name, _test_thread_handleMsg, &worker) == KIV_OK;
-        KIV_ASSERT(created);
-        if (!created) {
+        STRESS_LOG(site, "creating thread (%s)(%d)", worker.name, static_cast<int>(index));
+        if (!KIV_HOLDS_AT(site, kiv_thread_create_default(&worker.thread, worker.name, _test_thread_handleMsg,
+                                                          &worker) == KIV_OK)) {
             return false;
         }
     }
     return true;
 }
 
-bool stop_workers(stressWorker *workers)
+bool stop_workers(reporting_worker *workers, call_site site)
 {
     for (uint32_t index = 0; index < most_threads && index < threads; ++index) {
-        stressWorker &worker = workers[index];
-        STRESS_LOG("stopping thread (%s)(%d)", worker.name, static_cast<int>(index));
-        const bool stopped = kiv_thread_stop(&worker.thread) == KIV_OK;
-        KIV_ASSERT(stopped);
+        reporting_worker &worker = workers[index];
+        STRESS_LOG(site, "stopping thread (%s)(%d)", worker.name, static_cast<int>(index));
+        const bool stopped = KIV_HOLDS_AT(site, kiv_thread_stop(&worker.thread) == KIV_OK);
         const bool deleted = kiv_thread_delete(&worker.thread) == KIV_OK;
-        KIV_ASSERT(stopped && deleted);
-        if (!stopped || !deleted) {
+        if (!KIV_HOLDS_AT(site, stopped && deleted)) {
             return false;
         }
     }
     return true;
 }
 
-// @return Whether every worker was created and stopped; if not, some may still run.
-bool run_workers(stressWorker *workers, bool run_forever)
+// @return False when a worker was not created or not stopped: some may still run.
+bool run_workers(reporting_worker *workers, bool run_forever, call_site site)
 {
-    const bool created = create_workers(workers);
+    const bool created = create_workers(workers, site);
     do { // NOLINT(bugprone-infinite-loop): until the process is ended from outside
         kiv_thread_sleep(run_time_us);
     } while (run_forever);
-    return created && stop_workers(workers);
+    return created && stop_workers(workers, site);
 }
 
 } // namespace
@@ -218,23 +241,24 @@ int _kiv_test_biostress(int argc, char **argv, unsigned testFlags)
 {
     std::puts("shalom");
     const bool run_forever = parse_options(argc, argv, (testFlags & KIV_TEST_FLAG_FREE_PLAY) != 0);
-    unique_block block(static_cast<char *>(std::calloc(1, file_size)));
-    KIV_ASSERT(block != nullptr);
+    owned_block block(static_cast<char *>(std::calloc(1, file_size)));
+    if (!KIV_HOLDS(block != nullptr)) {
+        KIV_LOG_ERRR("no memory for the %u bytes of a file: nothing is written\n", file_size);
+    }
     buffer = block.get();
     gettimeofday(&g_start_tp, nullptr);
-    std::unique_ptr<stressWorker[]> workers(new (std::nothrow) stressWorker[most_threads]());
-    const bool ready = pthread_mutex_init(&g_printsMutex, nullptr) == 0 && workers != nullptr;
-    KIV_ASSERT(ready);
-    if (!ready) {
+    std::unique_ptr<reporting_worker[]> workers(new (std::nothrow) reporting_worker[most_threads]());
+    if (!KIV_HOLDS(pthread_mutex_init(&g_printsMutex, nullptr) == 0 && workers != nullptr)) {
         return 0;
     }
-    STRESS_LOG("refcount test - start");
-    const bool passed = run_workers(workers.get(), run_forever);
+    const call_site site = call_site::here();
+    STRESS_LOG(site, "refcount test - start");
+    const bool passed = run_workers(workers.get(), run_forever, site);
     if (!passed) { // workers that still run go on using these
         static_cast<void>(workers.release());
         static_cast<void>(block.release());
     }
-    STRESS_LOG("refcount test - end");
+    STRESS_LOG(site, "refcount test - end");
     pthread_mutex_destroy(&g_printsMutex);
     return passed ? 1 : 0;
 }

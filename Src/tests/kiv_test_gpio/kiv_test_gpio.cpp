@@ -9,8 +9,10 @@
 #include <cstring>
 #include <iterator>
 
-#include "common/console.h"
-#include "common/log_as.h"
+#include "kiv_debug/log_as.h"
+#include "kiv_test/builtin_tests.h"
+#include "kiv_test/console.h"
+#include "kiv_test/option_loop.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_gpio.h"
 #include "zol/kiv_status.h"
@@ -21,7 +23,7 @@ namespace
 
 constexpr char pin_name[] = "test";
 
-// What the callback gets, by the place that registered it.
+// The callback's argument tells the place that registered it.
 constexpr uintptr_t cycle_tag = 1;
 constexpr uintptr_t console_tag = 2;
 
@@ -139,6 +141,9 @@ void __print_interactive_help()
     print_lines(__func__, lines);
 }
 
+// The console and the options belong to the test as a whole.
+#define SAY(...) KIV_LOG_AS("test_gpio", PRNT, __VA_ARGS__)
+
 // The console's commands: each carries a line out if it is its own, and says whether it was.
 
 bool print_help(const char *line)
@@ -159,7 +164,7 @@ bool do_with_pin(const char *line, const char *word, int32_t (*operation)(int gp
         return false;
     }
     if (const int32_t status = operation(gpio); status != KIV_OK) {
-        KIV_LOG_PRNT("%s err=%d\n", failure, status);
+        SAY("%s err=%d\n", failure, status);
     }
     return true;
 }
@@ -174,7 +179,7 @@ int32_t show_level(int gpio)
     int value = 0;
     const int32_t status = kiv_gpio_get(gpio, &value);
     if (status == KIV_OK) {
-        KIV_LOG_PRNT("get gpio %d val %d\n", gpio, value);
+        SAY("get gpio %d val %d\n", gpio, value);
     }
     return status;
 }
@@ -207,12 +212,12 @@ bool set(const char *line)
         return false;
     }
     if (const int32_t status = kiv_gpio_set(gpio, value); status != KIV_OK) {
-        KIV_LOG_PRNT("set failed err=%d\n", status);
+        SAY("set failed err=%d\n", status);
     }
     return true;
 }
 
-// How an interrupt is configured, by the number that is typed for it.
+// The configurations of an interrupt, by the number that is typed for them.
 struct interrupt_mode {
     int edge_cfg;
     int level_cfg;
@@ -232,7 +237,7 @@ bool reg(const char *line)
         return false;
     }
     if ((level_or_edge != 0 && level_or_edge != 1) || static_cast<unsigned>(mode) >= std::size(modes)) {
-        KIV_LOG_PRNT("invalid value for 'level_or_edge' %d\n", level_or_edge);
+        SAY("invalid value for 'level_or_edge' %d\n", level_or_edge);
         __print_interactive_help();
         return true;
     }
@@ -240,7 +245,7 @@ bool reg(const char *line)
     if (const int32_t status = kiv_gpio_register_callback(gpio, level_edge, modes[mode].edge_cfg,
                                                           modes[mode].level_cfg, __gpio_cbk, console_tag);
         status != KIV_OK) {
-        KIV_LOG_PRNT("register cbk failed, err=%d\n", status);
+        SAY("register cbk failed, err=%d\n", status);
     }
     return true;
 }
@@ -251,20 +256,20 @@ constexpr bool (*commands[])(const char *line) = {print_help, alloc, free_pin, s
 void run_console()
 {
     __print_interactive_help();
-    KIV_LOG_PRNT(HASHES);
+    SAY(HASHES);
     char line[kiv::console_line_size];
     for (;;) {
-        KIV_LOG_PRNT("<cmd>: ");
+        SAY("<cmd>: ");
         if (!kiv::read_line(line) || std::strncmp(line, "exit", 4) == 0) {
             break;
         }
         if (std::none_of(std::begin(commands), std::end(commands), [&](auto run) { return run(line); })) {
-            KIV_LOG_PRNT("Unrecognized command:\n");
-            KIV_LOG_PRNT("%s\n", line);
+            SAY("Unrecognized command:\n");
+            SAY("%s\n", line);
             __print_interactive_help();
         }
     }
-    KIV_LOG_PRNT("exiting interactive mode!\n");
+    SAY("exiting interactive mode!\n");
 }
 
 constexpr char shortOptions[] = "r:a:f:ic:e:d";
@@ -284,14 +289,14 @@ void apply_option(int letter, int &cnt)
 {
     switch (letter) {
     case 'a':
-        KIV_LOG_PRNT("allocate gpio-%d\n", stoi(optarg));
+        SAY("allocate gpio-%d\n", stoi(optarg));
         return;
     case 'f':
-        KIV_LOG_PRNT("free gpio-%d\n", stoi(optarg));
+        SAY("free gpio-%d\n", stoi(optarg));
         return;
     case 'c':
         cnt = stoi(optarg);
-        KIV_LOG_PRNT("setting cnt to %d\n", cnt);
+        SAY("setting cnt to %d\n", cnt);
         return;
     case 'e':
         return print_verdict("__alloc_free_gpio", __alloc_free_gpio(stoi(optarg), cnt));
@@ -302,22 +307,27 @@ void apply_option(int letter, int &cnt)
     case 'i':
         return run_console();
     default:
-        KIV_LOG_PRNT("invalid argument\n");
+        SAY("invalid argument\n");
         return __print_help();
     }
 }
 
 void switch_simulator_on()
 {
-    KIV_LOG_PRNT("----------------------------\n");
-    KIV_LOG_PRNT("\tsimulator on\n");
-    KIV_LOG_PRNT("----------------------------\n");
+    SAY("----------------------------\n");
+    SAY("\tsimulator on\n");
+    SAY("----------------------------\n");
     kiv_gpio_deinit();
     kiv_gpio_set_simulator_mode(1);
     kiv_gpio_init();
 }
 
 } // namespace
+
+void kiv::print_gpio_test_help()
+{
+    __print_help();
+}
 
 int test_gpio(int argc, char **argv, unsigned testFlags)
 {
@@ -328,11 +338,10 @@ int test_gpio(int argc, char **argv, unsigned testFlags)
         switch_simulator_on();
     }
     int cnt = 0;
-    int letter = 0;
-    do {
-        letter = getopt_long(argc, argv, shortOptions, longOptions, nullptr);
-        KIV_LOG_PRNT("param [%2d / %2d] is '%c' (%d)\n", optind, argc, letter, letter);
-        apply_option(letter, cnt);
-    } while (letter != -1 && optind != argc);
+    kiv::for_each_option(
+        argc, argv, shortOptions, longOptions, [&cnt](int letter) { apply_option(letter, cnt); },
+        [site = kiv::call_site::here()](int words, int letter) {
+            KIV_LOG_AT(site, PRNT, "param [%2d / %2d] is '%c' (%d)\n", optind, words, letter, letter);
+        });
     return 0;
 }

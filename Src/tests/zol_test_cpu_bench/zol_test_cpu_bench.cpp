@@ -1,4 +1,4 @@
-// The CPU and timer benchmark: loads for the board, and how well its timers keep their time.
+// The CPU and timer benchmark: puts loads on the board, and measures how accurate its timers are.
 
 #include <getopt.h>
 #include <sys/mman.h>
@@ -12,8 +12,12 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "kiv_debug/log_as.h"
+#include "kiv_test/option_loop.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_test.h"
+
+using kiv::call_site;
 
 namespace
 {
@@ -21,8 +25,12 @@ namespace
 constexpr char separator[] = "====================================================================";
 static_assert(sizeof separator == 68 + 1);
 
-#define BENCH_LOG(text, ...) KIV_LOG_PRNT("\033[36m" text "\n\033[0m" __VA_OPT__(, ) __VA_ARGS__)
+// BENCH_LOG_AT logs for a helper, under the name of the benchmark that uses it.
+#define BENCH_LOG(text, ...) BENCH_LOG_AT(call_site::here(), text __VA_OPT__(, ) __VA_ARGS__)
+#define BENCH_LOG_AT(site, text, ...)                                                                        \
+    KIV_LOG_AT(site, PRNT, "\033[36m" text "\n\033[0m" __VA_OPT__(, ) __VA_ARGS__)
 
+// The mapping is one byte larger than a page, so that each takes two.
 struct parameters {
     int32_t loop_cnt = 1000;
     int32_t spin_cnt = 100'000;
@@ -42,6 +50,7 @@ constexpr int32_t nodes = 1000;
 mem_node mem_node_arr[nodes];
 int32_t i; // the slot at which the next search begins
 
+// Marks a slot that holds no mapping.
 void *free_addr()
 {
     return reinterpret_cast<void *>(static_cast<uintptr_t>(0xdeadbeef));
@@ -68,7 +77,7 @@ void __free_all_mem_nodes()
     }
 }
 
-// From the cursor on; null when all are in use.
+// Searches from the cursor on. @return Null: all are in use.
 mem_node *find_free_node()
 {
     for (int32_t looked = 0; looked < nodes; ++looked) {
@@ -81,6 +90,7 @@ mem_node *find_free_node()
     return nullptr;
 }
 
+// Mappings pile up until every slot is in use. Then all of them go at once.
 mem_node &free_node()
 {
     mem_node *node = find_free_node();
@@ -121,6 +131,7 @@ void _zol_cpu_mmapbench(const parameters &with)
     BENCH_LOG("%s", separator);
 }
 
+// Wraps around every 71 minutes, which the summary notes as a time that runs backwards.
 uint32_t microseconds_now()
 {
     timeval now = {};
@@ -128,34 +139,34 @@ uint32_t microseconds_now()
     return static_cast<uint32_t>(now.tv_sec) * 1'000'000U + static_cast<uint32_t>(now.tv_usec);
 }
 
-// What the measured times come to.
+// The maximum and the average of the measured times.
 struct summary {
     uint32_t max = 0;
     double sum = 0.0;
 
-    void add(uint32_t pre, uint32_t post)
+    void add(uint32_t pre, uint32_t post, call_site site)
     {
         if (pre >= post) {
-            BENCH_LOG("pre more than post? pre %ld, post %ld", static_cast<long>(pre),
-                      static_cast<long>(post));
+            BENCH_LOG_AT(site, "pre more than post? pre %ld, post %ld", static_cast<long>(pre),
+                         static_cast<long>(post));
         }
         const uint32_t delta = pre < post ? post - pre : pre - post;
         max = std::max(max, delta);
         sum += delta;
     }
 
-    void report(int32_t loop_cnt) const
+    void report(int32_t loop_cnt, call_site site) const
     {
         const auto total = static_cast<uint32_t>(static_cast<uint64_t>(sum));
         const uint32_t average = loop_cnt > 0 ? total / static_cast<uint32_t>(loop_cnt) : 0;
-        BENCH_LOG("%s", separator);
-        BENCH_LOG("max_usec_delta %ld [usec]", static_cast<long>(max));
-        BENCH_LOG("avg_usec_delta %ld [usec]", static_cast<long>(average));
-        BENCH_LOG("%s", separator);
+        BENCH_LOG_AT(site, "%s", separator);
+        BENCH_LOG_AT(site, "max_usec_delta %ld [usec]", static_cast<long>(max));
+        BENCH_LOG_AT(site, "avg_usec_delta %ld [usec]", static_cast<long>(average));
+        BENCH_LOG_AT(site, "%s", separator);
     }
 };
 
-// Volatile: real work, whatever the optimiser thinks of it.
+// The counter is volatile, so that the optimiser keeps the loop.
 void spin(int32_t count)
 {
     for (int32_t n = 0; n < count; ++n) {
@@ -167,6 +178,7 @@ void spin(int32_t count)
     }
 }
 
+// A busy and an idle phase in turn. The idle one is measured: it shows the accuracy of nanosleep() under load.
 void _zol_cpu_testbench_loop(const parameters &with)
 {
     const timespec request = {with.sleep_duration_ms / 1000, with.sleep_duration_ms % 1000 * 1'000'000L};
@@ -180,11 +192,12 @@ void _zol_cpu_testbench_loop(const parameters &with)
         for (int32_t n = 0; n < with.sleep_cnt; ++n) {
             nanosleep(&request, nullptr);
         }
-        times.add(pre, microseconds_now());
+        times.add(pre, microseconds_now(), call_site::here());
     }
-    times.report(with.loop_cnt);
+    times.report(with.loop_cnt, call_site::here());
 }
 
+// select() is the other timer that applications use. It watches standard input: input ends a wait early, which is noted.
 void _zol_timer_testbench_loop(const parameters &with)
 {
     fd_set read_set;
@@ -194,6 +207,7 @@ void _zol_timer_testbench_loop(const parameters &with)
     BENCH_LOG("sleep_duration_ms: %d, loop_cnt: %d\n", with.sleep_duration_ms, with.loop_cnt);
     summary times;
     for (int32_t loop = 0; loop < with.loop_cnt; ++loop) {
+        // select() may change it, so each round sets it again.
         timeval timeout = {with.sleep_duration_ms / 1000, with.sleep_duration_ms % 1000 * 1000L};
         const uint32_t pre = microseconds_now();
         const int ready = select(1, &read_set, nullptr, nullptr, &timeout);
@@ -202,20 +216,22 @@ void _zol_timer_testbench_loop(const parameters &with)
         } else if (ready > 0) {
             BENCH_LOG("have something to read");
         }
-        times.add(pre, microseconds_now());
+        times.add(pre, microseconds_now(), call_site::here());
     }
-    times.report(with.loop_cnt);
+    times.report(with.loop_cnt, call_site::here());
 }
 
+// A load of many short processes.
 [[noreturn]] void run_uname_forever()
 {
     for (;;) {
         if (std::system("uname -a") == -1) {
-            KIV_LOG_ERRR("can't run uname -a, errno %d\n", errno);
+            KIV_LOG_AS("_zol_test_cpubench", ERRR, "can't run uname -a, errno %d\n", errno);
         }
     }
 }
 
+// A load of one core, without a system call.
 [[noreturn]] void spin_forever()
 {
     for (;;) {
@@ -282,12 +298,8 @@ int _zol_test_cpubench(int argc, char **argv, unsigned)
     constexpr const char *test = "CPU_BENCH";
     BENCH_LOG("%s test - start", test);
     parameters with;
-    int letter = 0;
-    do {
-        letter = getopt_long(argc, argv, shortOptions, longOptions, nullptr);
-        std::printf("param [%2d / %2d] is '%c' (%d)\n", optind, argc, letter, letter);
-        apply_option(letter, with);
-    } while (letter != -1 && optind != argc);
+    kiv::for_each_option(argc, argv, shortOptions, longOptions,
+                         [&with](int letter) { apply_option(letter, with); });
     BENCH_LOG("%s test - end", test);
     return 1;
 }

@@ -8,6 +8,7 @@
 
 #include "common/number.h"
 #include "common/text.h"
+#include "kiv_debug/log_as.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 #include "zol/kiv_test.h"
@@ -52,6 +53,7 @@ void print_details(const kiv_test_item &item)
     std::printf("  Parameters   : \n%s\n", or_empty(item.parameters));
 }
 
+// Records that are hidden by a newer one of their name are shown too.
 bool print_all_named(const char *name)
 {
     bool found = false;
@@ -68,8 +70,7 @@ bool print_all_named(const char *name)
 
 int kiv_test_util_register(const kiv_test_item *item)
 {
-    KIV_ASSERT(item != nullptr);
-    if (item == nullptr) {
+    if (!KIV_HOLDS(item != nullptr)) {
         return KIV_ERR_INVALID_PARAM;
     }
     auto *const node = new (std::nothrow) module_node{{}, *item};
@@ -81,6 +82,7 @@ int kiv_test_util_register(const kiv_test_item *item)
     return KIV_OK;
 }
 
+// The list begins with the newest record, so a module can be replaced by registering its name again.
 int kiv_test_util_match(const char *name, int argc, char **argv, unsigned testFlags)
 {
     for (const GList *link = p_module_list; link != nullptr; link = link->next) {

@@ -16,28 +16,68 @@ namespace
 
 constexpr double cache_seconds = 3600.0; // the tree does not change while it is served
 
+// An open file of text. The text is made at the start of the file only, so that a reader in pieces gets one
+// consistent text.
+class open_text : public open_file
+{
+public:
+    explicit open_text(device_file &device) : device_(device) {}
+
+    int read(std::size_t offset, std::size_t size, std::string &data) override
+    {
+        if (offset == 0) {
+            text_.clear();
+            if (const int result = device_.read(text_); result < 0) {
+                return result;
+            }
+        }
+        data = text_.substr(std::min(offset, text_.size()), size);
+        return 0;
+    }
+    int write(std::string_view data) override { return device_.write(data); }
+
+private:
+    device_file &device_;
+    std::string text_;
+};
+
 } // namespace
 
-int board_file::read(std::string &)
+int open_file::read(std::size_t, std::size_t, std::string &)
 {
     return -EOPNOTSUPP;
 }
 
-int board_file::write(std::string_view)
+int open_file::write(std::string_view)
 {
     return -EOPNOTSUPP;
 }
 
-int board_file::ioctl(const ioctl_request &)
+int open_file::ioctl(const ioctl_request &)
 {
     return -ENOTTY;
 }
 
-void board_file::wake()
+int device_file::read(std::string &)
+{
+    return -EOPNOTSUPP;
+}
+
+int device_file::write(std::string_view)
+{
+    return -EOPNOTSUPP;
+}
+
+std::unique_ptr<open_file> device_file::make_open_file()
+{
+    return std::make_unique<open_text>(*this);
+}
+
+void device_file::wake()
 {
     for (opening &each : openings_) {
-        // Taken before it is used: whoever wakes asks again, and with that gives a new one. A handle that the
-        // kernel no longer knows is of somebody who has stopped waiting.
+        // Used once: everybody who is woken polls again, which brings a new handle. The kernel ignores a
+        // handle of somebody who has stopped waiting.
         if (const auto handle = std::move(each.waiting); handle != nullptr) {
             fuse_lowlevel_notify_poll(handle.get());
         }
@@ -47,8 +87,9 @@ void board_file::wake()
 struct board_fs::node {
     fuse_ino_t inode;
     std::map<std::string, node *, std::less<>> children;
-    std::unique_ptr<board_file> file; // null for a directory
+    std::unique_ptr<device_file> file; // null for a directory
 
+    // Every user of the namespace may read and write, as on a board.
     [[nodiscard]] struct stat attributes() const
     {
         struct stat status = {};
@@ -69,7 +110,7 @@ board_fs::board_fs()
 board_fs::~board_fs()
 {
     session_.reset();
-    std::free(buffer_.mem); // libfuse allocates it at the first request
+    std::free(buffer_.mem); // libfuse has allocated it at the first request
 }
 
 board_fs::node &board_fs::child(node &parent, const std::string &name)
@@ -82,7 +123,7 @@ board_fs::node &board_fs::child(node &parent, const std::string &name)
     return *entry;
 }
 
-void board_fs::add(const std::string &path, std::unique_ptr<board_file> file)
+void board_fs::add(const std::string &path, std::unique_ptr<device_file> file)
 {
     node *at = nodes_.front().get();
     std::istringstream names(path);
@@ -109,11 +150,12 @@ bool board_fs::attach(int fuse_fd)
     char *arguments[] = {name, nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, arguments);
     session_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
-    fuse_opt_free_args(&args); // parsing made a copy of them
+    fuse_opt_free_args(&args); // libfuse has copied them
     const std::string mounted = "/dev/fd/" + std::to_string(fuse_fd);
     return session_ != nullptr && fuse_session_mount(session_.get(), mounted.c_str()) == 0;
 }
 
+// An interrupted receive says nothing about the mount.
 bool board_fs::serve_one()
 {
     const int received = fuse_session_receive_buf(session_.get(), &buffer_);
@@ -131,9 +173,9 @@ board_fs::node *board_fs::find(fuse_req_t request, fuse_ino_t inode)
                : nullptr;
 }
 
-board_file::opening &board_fs::opening_of(const fuse_file_info *info)
+device_file::opening &board_fs::opening_of(const fuse_file_info *info)
 {
-    return *reinterpret_cast<board_file::opening *>(static_cast<std::uintptr_t>(info->fh));
+    return *reinterpret_cast<device_file::opening *>(static_cast<std::uintptr_t>(info->fh));
 }
 
 void board_fs::on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name)
@@ -166,7 +208,7 @@ void board_fs::on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info *
     fuse_reply_attr(request, &status, cache_seconds);
 }
 
-// Device nodes take every truncation, which the shell's ">" asks for, and go on as they were.
+// The shell's ">" truncates a file. A device node accepts that and ignores it.
 void board_fs::on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat *, int which,
                           fuse_file_info *info)
 {
@@ -184,24 +226,24 @@ void board_fs::on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info *inf
         fuse_reply_err(request, entry == nullptr ? ENOENT : EISDIR);
         return;
     }
-    board_file &file = *entry->file;
+    device_file &file = *entry->file;
     if (const int result = file.open(); result < 0) {
         fuse_reply_err(request, -result);
         return;
     }
-    file.openings_.push_back({&file, "", nullptr});
+    file.openings_.emplace_back(file);
     info->fh = reinterpret_cast<std::uintptr_t>(&file.openings_.back());
     info->direct_io = 1;
     info->nonseekable = file.is_seekable() ? 0 : 1;
-    if (fuse_reply_open(request, info) != 0) { // interrupted: nobody will release it
+    if (fuse_reply_open(request, info) != 0) { // interrupted: no release will come
         file.openings_.pop_back();
     }
 }
 
 void board_fs::on_release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
-    const board_file::opening &closed = opening_of(info);
-    closed.file->openings_.remove_if([&closed](const auto &each) { return &each == &closed; });
+    const device_file::opening &closed = opening_of(info);
+    closed.device->openings_.remove_if([&closed](const auto &each) { return &each == &closed; });
     fuse_reply_err(request, 0);
 }
 
@@ -230,60 +272,68 @@ void board_fs::on_readdir(fuse_req_t request, fuse_ino_t inode, std::size_t size
     fuse_reply_buf(request, block.data(), used);
 }
 
-// The text is made at the start of the file only: whoever reads it in pieces, or until the end, gets one.
+delayed_calls &board_fs::later_of(fuse_req_t request)
+{
+    return static_cast<board_fs *>(fuse_req_userdata(request))->later_;
+}
+
 void board_fs::on_read(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset, fuse_file_info *info)
 {
-    board_file::opening &opened = opening_of(info);
-    const auto at = static_cast<std::size_t>(offset);
-    if (at == 0) {
-        opened.text.clear();
-        if (const int result = opened.file->read(opened.text); result < 0) {
+    open_file &file = *opening_of(info).file;
+    std::string data;
+    const int result = file.read(static_cast<std::size_t>(offset), size, data);
+    later_of(request).at(file.ready_at(), [request, result, data = std::move(data)] {
+        if (result < 0) {
             fuse_reply_err(request, -result);
-            return;
+        } else {
+            fuse_reply_buf(request, data.data(), data.size());
         }
-    }
-    const std::size_t left = at < opened.text.size() ? opened.text.size() - at : 0;
-    fuse_reply_buf(request, opened.text.data() + at, std::min(size, left));
+    });
 }
 
 void board_fs::on_write(fuse_req_t request, fuse_ino_t, const char *data, std::size_t size, off_t,
                         fuse_file_info *info)
 {
-    const int result = opening_of(info).file->write({data, size});
-    if (result < 0) {
-        fuse_reply_err(request, -result);
-    } else {
-        fuse_reply_write(request, static_cast<std::size_t>(result));
-    }
+    open_file &file = *opening_of(info).file;
+    const int result = file.write({data, size});
+    later_of(request).at(file.ready_at(), [request, result] {
+        if (result < 0) {
+            fuse_reply_err(request, -result);
+        } else {
+            fuse_reply_write(request, static_cast<std::size_t>(result));
+        }
+    });
 }
 
-// The answer and the handle that is kept belong together, as nothing happens between them: an event is either
-// in the answer, or comes later and finds the handle. The kernel gives one only when somebody is about to
-// wait.
+// No wake-up is lost, as nothing happens between keeping the handle and the answer: an event is in the answer,
+// or it comes later and finds the handle. The kernel gives a handle only when somebody is about to wait.
 void board_fs::on_poll(fuse_req_t request, fuse_ino_t, fuse_file_info *info, fuse_pollhandle *handle)
 {
-    board_file::opening &opened = opening_of(info);
+    device_file::opening &opened = opening_of(info);
     if (handle != nullptr) {
         opened.waiting.reset(handle);
     }
-    fuse_reply_poll(request, opened.file->poll());
+    fuse_reply_poll(request, opened.device->poll());
 }
 
 void board_fs::on_ioctl(fuse_req_t request, fuse_ino_t, unsigned command, void *argument,
                         fuse_file_info *info, unsigned flags, const void *, std::size_t, std::size_t)
 {
-    if ((flags & FUSE_IOCTL_DIR) != 0) { // a directory is opened without our knowing
+    if ((flags & FUSE_IOCTL_DIR) != 0) { // we do not see when directories are opened
         fuse_reply_err(request, ENOTTY);
         return;
     }
-    const int result = opening_of(info).file->ioctl(
-        {fuse_req_ctx(request)->pid, command, reinterpret_cast<std::uintptr_t>(argument),
-         sizeof(void *) == 4 || (flags & FUSE_IOCTL_COMPAT) != 0});
-    if (result < 0) {
-        fuse_reply_err(request, -result);
-    } else {
-        fuse_reply_ioctl(request, result, nullptr, 0);
-    }
+    open_file &file = *opening_of(info).file;
+    const int result =
+        file.ioctl({fuse_req_ctx(request)->pid, command, reinterpret_cast<std::uintptr_t>(argument),
+                    sizeof(void *) == 4 || (flags & FUSE_IOCTL_COMPAT) != 0});
+    later_of(request).at(file.ready_at(), [request, result] {
+        if (result < 0) {
+            fuse_reply_err(request, -result);
+        } else {
+            fuse_reply_ioctl(request, result, nullptr, 0);
+        }
+    });
 }
 
 } // namespace kivboard

@@ -1,4 +1,4 @@
-// The files of the board, as a FUSE file system: a tree of directories and of files that answer system calls.
+// The board's FUSE file system: a tree of directories, and of files that answer system calls.
 #pragma once
 
 #define FUSE_USE_VERSION 314
@@ -11,6 +11,9 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/owner.h"
+#include "delayed_calls.h"
 
 namespace kivboard
 {
@@ -25,41 +28,57 @@ struct ioctl_request {
 
 class board_fs;
 
-/// What a file of the board does. Every system call that a kind of file does not know is refused.
-/// Results are those of the call: not negative, or the negative of an errno value.
-class board_file
+/// An open file. A derived class answers the system calls that it supports; the others fail.
+/// Each function returns the result of the call: not negative, or the negative of an errno value.
+class open_file
 {
 public:
-    virtual ~board_file() = default;
+    virtual ~open_file() = default;
 
-    /// Whether the file has positions. One that has is text that is made when it is read from the start;
-    /// where a write begins does not matter.
+    /// @param[out] data  The bytes, at most as many as size.
+    virtual int read(std::size_t offset, std::size_t size, std::string &data);
+    virtual int write(std::string_view data);
+    virtual int ioctl(const ioctl_request &request);
+
+    /// The time before which the caller gets no answer to the last call.
+    [[nodiscard]] virtual board_clock::time_point ready_at() const { return {}; }
+};
+
+/// A file of the board. A derived class answers the system calls that it supports; the others fail.
+/// Each function returns the result of the call: not negative, or the negative of an errno value.
+class device_file
+{
+public:
+    virtual ~device_file() = default;
+
+    /// True for a file with positions. It is a text, which is made when it is read from the start.
+    /// The position of a write is ignored.
     [[nodiscard]] virtual bool is_seekable() const { return false; }
 
     virtual int open() { return 0; }
     virtual int read(std::string &text);
     virtual int write(std::string_view data);
-    virtual int ioctl(const ioctl_request &request);
 
-    /// The events that are there. Like the kernel's, a file that does not know polling is always ready.
+    /// The state of one open file. A file of text needs no class of its own for it.
+    virtual std::unique_ptr<open_file> make_open_file();
+
+    /// The events of poll(). As in the kernel, a file without support for polling is always ready.
     virtual unsigned poll() { return POLLIN | POLLOUT; }
 
 protected:
-    /// Has everybody who waits in poll() look again.
+    /// Makes everybody who waits in poll() ask again.
     void wake();
 
 private:
     friend class board_fs;
 
-    struct pollhandle_deleter {
-        void operator()(fuse_pollhandle *handle) const noexcept { fuse_pollhandle_destroy(handle); }
-    };
-
-    // An open file. The kernel lets all who wait on it share the handle that it gave last.
+    // An open file. Everybody who waits on it shares the handle that the kernel gave last.
     struct opening {
-        board_file *file;
-        std::string text; // as it was when last read from the start
-        std::unique_ptr<fuse_pollhandle, pollhandle_deleter> waiting;
+        explicit opening(device_file &opened) : device(&opened), file(opened.make_open_file()) {}
+
+        device_file *device;
+        std::unique_ptr<open_file> file;
+        kiv::owner<fuse_pollhandle, fuse_pollhandle_destroy> waiting;
     };
 
     std::list<opening> openings_;
@@ -73,21 +92,22 @@ public:
     board_fs(const board_fs &) = delete;
     board_fs &operator=(const board_fs &) = delete;
 
-    /// Adds a file, and the directories on the way to it. To be done before serving.
-    void add(const std::string &path, std::unique_ptr<board_file> file);
+    /// Adds a file and the directories above it. Not while serving.
+    void add(const std::string &path, std::unique_ptr<device_file> file);
 
-    /// Takes over a descriptor of /dev/fuse whose mount is done. @return Whether that worked.
+    /// Serves a mounted file system from now on. @param fuse_fd  Its descriptor of /dev/fuse.
+    /// @return False when libfuse refuses it.
     bool attach(int fuse_fd);
 
-    /// Answers one request of the kernel; call it when the descriptor is readable.
+    /// Answers one request of the kernel. Call it when the descriptor is readable.
     /// @return False when the file system is no longer mounted anywhere.
     bool serve_one();
 
+    /// The answers that are given later. Serve its descriptor, too.
+    delayed_calls &later() { return later_; }
+
 private:
     struct node;
-    struct session_deleter {
-        void operator()(fuse_session *session) const noexcept { fuse_session_destroy(session); }
-    };
 
     static void on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name);
     static void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info);
@@ -106,12 +126,14 @@ private:
                          fuse_file_info *info, unsigned flags, const void *in, std::size_t in_size,
                          std::size_t out_size);
     static node *find(fuse_req_t request, fuse_ino_t inode);
-    static board_file::opening &opening_of(const fuse_file_info *info);
+    static device_file::opening &opening_of(const fuse_file_info *info);
+    static delayed_calls &later_of(fuse_req_t request);
 
     node &child(node &parent, const std::string &name);
 
+    delayed_calls later_;
     std::vector<std::unique_ptr<node>> nodes_; // the inode number of a node is its index + 1
-    std::unique_ptr<fuse_session, session_deleter> session_;
+    kiv::owner<fuse_session, fuse_session_destroy> session_;
     fuse_buf buffer_ = {};
 };
 

@@ -23,7 +23,9 @@ int copy(copy_call call, pid_t pid, std::uint64_t address, void *data, std::size
     if (copied < 0) {
         return errno;
     }
-    return static_cast<std::size_t>(copied) == size ? 0 : EFAULT;
+    return static_cast<std::size_t>(copied) == size
+               ? 0
+               : EFAULT; // a copy ends early at a page that is not mapped
 }
 
 } // namespace
@@ -35,7 +37,7 @@ int caller_memory::read(std::uint64_t address, void *data, std::size_t size) con
 
 int caller_memory::write(std::uint64_t address, const void *data, std::size_t size) const
 {
-    return copy(process_vm_writev, pid_, address, const_cast<void *>(data), size); // only read from
+    return copy(process_vm_writev, pid_, address, const_cast<void *>(data), size); // is not written
 }
 
 } // namespace kivboard

@@ -9,15 +9,15 @@
 namespace kivboard
 {
 
-/// The kernel hands a FUSE server the address of an ioctl's argument, not what is there. Works for the
-/// descendants of the server, which is what the board's COMMAND is; also where only descendants may be looked
-/// into.
+/// The kernel gives a FUSE server the address of an ioctl's argument, not its content. The server may access
+/// the memory of its descendants, which include the board's COMMAND, even where access to other processes is
+/// restricted.
 class caller_memory
 {
 public:
     explicit caller_memory(pid_t pid) : pid_(pid) {}
 
-    /// @return 0 or an errno value: EFAULT for an address that is not the caller's, EPERM when looking is
+    /// @return 0 or an errno value: EFAULT for an address that is not the caller's, EPERM when access is
     /// forbidden.
     int read(std::uint64_t address, void *data, std::size_t size) const;
     int write(std::uint64_t address, const void *data, std::size_t size) const;

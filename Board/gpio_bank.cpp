@@ -2,36 +2,28 @@
 
 #include <memory>
 
-#include "number.h"
-
 namespace kivboard
 {
 namespace
 {
 
-control_reply refused(const std::string &why)
+// The places in a table of names: the chosen one, or all.
+template <typename enumeration, std::size_t count>
+std::vector<std::size_t> places(const std::string_view (&)[count], std::optional<enumeration> chosen)
 {
-    return {false, why + "\n", false};
-}
-
-control_reply no_pin(const std::string &number)
-{
-    return refused("there is no pin " + number);
-}
-
-// The places in a table of names that a word chooses: all when the word is not there, none when it is
-// unknown.
-template <std::size_t count>
-std::vector<std::size_t> choose(const std::string_view (&names)[count], const std::vector<std::string> &words,
-                                std::size_t word)
-{
-    std::vector<std::size_t> chosen;
+    std::vector<std::size_t> places;
     for (std::size_t i = 0; i < count; ++i) {
-        if (word >= words.size() || words[word] == names[i]) {
-            chosen.push_back(i);
+        if (!chosen || *chosen == static_cast<enumeration>(i)) {
+            places.push_back(i);
         }
     }
-    return chosen;
+    return places;
+}
+
+template <typename enumeration, std::size_t count>
+std::string word(const std::string_view (&names)[count], std::optional<enumeration> chosen)
+{
+    return chosen ? " " + std::string(names[static_cast<std::size_t>(*chosen)]) : "";
 }
 
 } // namespace
@@ -55,14 +47,24 @@ gpio_bank::gpio_bank(const std::vector<pin_description> &pins, board_fs &files, 
     }
 }
 
-gpio_bank::pin *gpio_bank::find(const std::string &number)
+gpio_bank::pin *gpio_bank::find(std::uint32_t number)
 {
-    const std::optional<std::uint32_t> parsed = parse_number(number);
-    const auto found = parsed ? pins_.find(*parsed) : pins_.end();
+    const auto found = pins_.find(number);
     return found != pins_.end() ? &found->second : nullptr;
 }
 
-// An interrupt for the pin. @return What became of it.
+const gpio_pin *gpio_bank::state(std::uint32_t number) const
+{
+    const auto found = pins_.find(number);
+    return found != pins_.end() ? &found->second.state : nullptr;
+}
+
+control_reply gpio_bank::no_pin(std::uint32_t number)
+{
+    return control_reply::error("there is no pin " + std::to_string(number));
+}
+
+// Interrupts a pin. @return The outcome, for the journal.
 std::string gpio_bank::interrupt(pin &at, std::uint32_t pulses)
 {
     switch (at.state.raise(pulses)) {
@@ -77,74 +79,45 @@ std::string gpio_bank::interrupt(pin &at, std::uint32_t pulses)
     return "counted, " + std::to_string(at.state.pending()) + " pending";
 }
 
-control_reply gpio_bank::raise(const std::vector<std::string> &words)
+control_reply gpio_bank::answer(const raise_request &asked)
 {
-    pin *const at = find(words[1]);
+    pin *const at = find(asked.pin);
     if (at == nullptr) {
-        return no_pin(words[1]);
+        return no_pin(asked.pin);
     }
-    const std::optional<std::uint32_t> pulses = words.size() > 2 ? parse_number(words[2]) : 1;
-    if (!pulses || *pulses == 0 || *pulses > gpio_pin::highest_count) {
-        return refused(words[2] + " is no count; a count is 1 to " + std::to_string(gpio_pin::highest_count));
-    }
-    const std::string outcome = interrupt(*at, *pulses);
-    journal_.add(at->label + " raise " + std::to_string(*pulses) + ": " + outcome);
-    return {true, outcome.starts_with("dropped") ? outcome + "\n" : "", false};
+    const std::string outcome = interrupt(*at, asked.pulses);
+    journal_.add(at->label + " raise " + std::to_string(asked.pulses) + ": " + outcome);
+    return {true, outcome.starts_with("dropped") ? outcome + "\n" : ""};
 }
 
-control_reply gpio_bank::level(const std::vector<std::string> &words)
+control_reply gpio_bank::answer(const level_request &asked)
 {
-    pin *const at = find(words[1]);
+    pin *const at = find(asked.pin);
     if (at == nullptr) {
-        return no_pin(words[1]);
+        return no_pin(asked.pin);
     }
-    if (words.size() == 2) {
-        return {true, at->state.level() ? "1\n" : "0\n", false};
+    if (!asked.level) {
+        return {true, at->state.level() ? "1\n" : "0\n"};
     }
-    const std::optional<std::uint32_t> level = parse_number(words[2]);
-    if (!level || *level > 1) {
-        return refused(words[2] + " is no level; a level is 0 or 1");
-    }
-    const std::string outcome = at->state.set_input(*level != 0) ? interrupt(*at, 1) : "no interrupt";
-    journal_.add(at->label + " level " + std::to_string(*level) + ": " + outcome);
+    const std::string outcome = at->state.set_input(*asked.level) ? interrupt(*at, 1) : "no interrupt";
+    journal_.add(at->label + " level " + (*asked.level ? "1: " : "0: ") + outcome);
     return {};
 }
 
-control_reply gpio_bank::set_failing(const std::vector<std::string> &words, bool failing)
+control_reply gpio_bank::answer(const failure_request &asked)
 {
-    pin *const at = find(words[1]);
+    pin *const at = find(asked.pin);
     if (at == nullptr) {
-        return no_pin(words[1]);
+        return no_pin(asked.pin);
     }
-    const std::vector<std::size_t> nodes = choose(gpio_attribute_names, words, 2);
-    const std::vector<std::size_t> operations = choose(gpio_operation_names, words, 3);
-    if (nodes.empty()) {
-        return refused(words[2] + " is no node; a node is " + list_names(gpio_attribute_names));
-    }
-    if (operations.empty()) {
-        return refused(words[3] + " is no operation; an operation is " + list_names(gpio_operation_names));
-    }
-    for (const std::size_t node : nodes) {
-        for (const std::size_t operation : operations) {
-            at->nodes[node]->set_failing(static_cast<gpio_operation>(operation), failing);
+    for (const std::size_t node : places(gpio_attribute_names, asked.attribute)) {
+        for (const std::size_t operation : places(gpio_operation_names, asked.operation)) {
+            at->nodes[node]->set_failing(static_cast<gpio_operation>(operation), asked.fails);
         }
     }
-    std::string line = at->label + " " + words[0];
-    for (std::size_t i = 2; i < words.size(); ++i) {
-        line += " " + words[i];
-    }
-    journal_.add(line);
+    journal_.add(at->label + (asked.fails ? " fail" : " mend") + word(gpio_attribute_names, asked.attribute) +
+                 word(gpio_operation_names, asked.operation));
     return {};
-}
-
-control_reply gpio_bank::fail(const std::vector<std::string> &words)
-{
-    return set_failing(words, true);
-}
-
-control_reply gpio_bank::mend(const std::vector<std::string> &words)
-{
-    return set_failing(words, false);
 }
 
 } // namespace kivboard

@@ -1,4 +1,4 @@
-// All pins of a board, with their files, and what the bench asks of them.
+// All pins of a board with their files, and the requests of the bench about them.
 #pragma once
 
 #include <array>
@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "board_file.h"
 #include "board_fs.h"
-#include "control.h"
+#include "description.h"
 #include "gpio_node.h"
 #include "gpio_pin.h"
 #include "journal.h"
+#include "requests.h"
 
 namespace kivboard
 {
@@ -21,7 +21,7 @@ namespace kivboard
 class gpio_bank
 {
 public:
-    /// What holds the pins' files, within the board's file system and for COMMAND.
+    /// The directory of the pins: within the board's file system, and as COMMAND sees it.
     static constexpr char source_root[] = "user_hw";
     static constexpr char target_root[] = "/sys/user_hw";
 
@@ -29,13 +29,15 @@ public:
     /// outlive this.
     gpio_bank(const std::vector<pin_description> &pins, board_fs &files, journal &journal);
 
+    /// @return Null when there is no such pin.
+    [[nodiscard]] const gpio_pin *state(std::uint32_t number) const;
+    static control_reply no_pin(std::uint32_t number);
+
     [[nodiscard]] bool is_empty() const { return pins_.empty(); }
 
-    /// The bench's requests, with as many words as requests.h says.
-    control_reply raise(const std::vector<std::string> &words);
-    control_reply level(const std::vector<std::string> &words);
-    control_reply fail(const std::vector<std::string> &words);
-    control_reply mend(const std::vector<std::string> &words);
+    control_reply answer(const raise_request &asked);
+    control_reply answer(const level_request &asked);
+    control_reply answer(const failure_request &asked);
 
 private:
     struct pin {
@@ -44,12 +46,11 @@ private:
         std::array<gpio_node *, std::size(gpio_attribute_names)> nodes{};
     };
 
-    pin *find(const std::string &number);
+    pin *find(std::uint32_t number);
     std::string interrupt(pin &at, std::uint32_t pulses);
-    control_reply set_failing(const std::vector<std::string> &words, bool failing);
 
     journal &journal_;
-    std::map<std::uint32_t, pin> pins_; // the nodes refer to what is in it
+    std::map<std::uint32_t, pin> pins_; // the nodes refer to its values
 };
 
 } // namespace kivboard

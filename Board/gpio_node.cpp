@@ -11,8 +11,8 @@ namespace kivboard
 namespace
 {
 
-// The numbers that an attribute shows and takes. Reading irq takes what was counted, and nothing can be
-// stored.
+// A row per attribute: how it is read and written, and the numbers that it accepts. Reading irq takes the
+// pending interrupts; it cannot be written.
 constexpr struct {
     std::uint32_t (*show)(gpio_pin &pin);
     void (*store)(gpio_pin &pin, std::uint32_t value);
@@ -31,8 +31,8 @@ constexpr struct {
 };
 static_assert(std::size(attributes) == std::size(gpio_attribute_names));
 
-// The number in a text that may have an end of line and be filled up with zeros. Anything else behind it is
-// refused: it would be what a caller forgot to clear.
+// Parses a number that may be followed by a line end and by zero bytes. Other bytes after it are an error, as
+// they come from a buffer that the caller did not clear.
 std::optional<std::uint32_t> parse_text(std::string_view data)
 {
     std::string_view text = data.substr(0, data.find('\0'));
@@ -45,7 +45,7 @@ std::optional<std::uint32_t> parse_text(std::string_view data)
     return parse_number(text, 10);
 }
 
-// As much of what was written as a line of the journal has room for.
+// The written text, cut to the room in a line of the journal.
 std::string printable(std::string_view data)
 {
     constexpr std::size_t shown = 32;
@@ -69,14 +69,15 @@ void gpio_node::set_failing(gpio_operation operation, bool failing)
 {
     const unsigned bit = 1U << static_cast<unsigned>(operation);
     failing_ = failing ? failing_ | bit : failing_ & ~bit;
-    wake(); // who waits sees the error, and its end
+    wake(); // those who poll must see the error, or its end
 }
 
 void gpio_node::note(const std::string &access, int result)
 {
     const std::string_view name = gpio_attribute_names[static_cast<std::size_t>(attribute_)];
     journal_.add(label_ + " " + std::string(name) + " " + access + " " +
-                 (result == 0 ? "ok" : "errno " + std::to_string(result)));
+                     (result == 0 ? "ok" : "errno " + std::to_string(result)),
+                 {{}, result});
 }
 
 int gpio_node::open()
@@ -127,7 +128,7 @@ unsigned gpio_node::poll()
         return POLLERR;
     }
     if (attribute_ != gpio_attribute::irq) {
-        return board_file::poll();
+        return device_file::poll();
     }
     return pin_.pending() > 0 ? POLLPRI : 0;
 }

@@ -1,22 +1,22 @@
-// The files of a pin: decimal texts, as a driver's attributes are.
+// The files of a pin: decimal texts, like the attributes of a driver.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "board_file.h"
 #include "board_fs.h"
+#include "gpio_names.h"
 #include "gpio_pin.h"
 #include "journal.h"
 
 namespace kivboard
 {
 
-class gpio_node : public board_file
+class gpio_node : public device_file
 {
 public:
-    /// @param label  How the journal calls the pin.
+    /// @param label  The name of the pin in the journal.
     gpio_node(std::string label, gpio_pin &pin, gpio_attribute attribute, journal &journal)
         : label_(std::move(label)), pin_(pin), attribute_(attribute), journal_(journal)
     {
@@ -26,14 +26,14 @@ public:
     int open() override;
     int read(std::string &text) override;
     int write(std::string_view data) override;
-    /// POLLPRI while there are interrupts to take, at the file that counts them; the others are always ready.
-    /// A file whose polling fails is in error: POLLERR and nothing else.
+    /// The irq file has POLLPRI while interrupts are pending; the others are always ready. A file whose polling
+    /// fails has POLLERR alone.
     unsigned poll() override;
 
-    /// The bench: makes an operation fail, or mends it. Open files are concerned too.
+    /// The bench makes an operation fail or work again, also for files that are open.
     void set_failing(gpio_operation operation, bool failing);
 
-    /// The bench: the pin has counted.
+    /// Wakes those who poll, after an interrupt was counted.
     void announce() { wake(); }
 
 private:

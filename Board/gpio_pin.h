@@ -1,4 +1,4 @@
-// One pin of the board: its level, and the interrupts that it counts for whoever asked for them.
+// One pin of the board: its level, and the interrupts that it counts once they are requested.
 #pragma once
 
 #include <cstdint>
@@ -6,45 +6,43 @@
 namespace kivboard
 {
 
-/// What happened to an interrupt of the pin.
 enum class interrupt_outcome { counted, not_requested, masked };
 
-/// As after a reset: nobody has requested the interrupt, it is masked, and level-triggered.
+/// Starts as after a reset: the interrupt is not requested, masked, and level-triggered.
 class gpio_pin
 {
 public:
     enum class trigger : std::uint32_t { level = 1, edge = 2 };
 
-    /// Enough for any use, and still a number to readers with 32-bit integers. A counter that has got there
-    /// stays there.
+    /// The counter saturates here: readers with signed 32-bit integers still understand it.
     static constexpr std::uint32_t highest_count = 0x7fffffff;
 
     explicit gpio_pin(bool level) : level_(level) {}
 
-    /// The application's side. Driving a pin is no interrupt.
+    /// The application drives the pin. This does not interrupt.
     [[nodiscard]] bool level() const { return level_; }
     void drive(bool level) { level_ = level; }
 
     [[nodiscard]] bool is_requested() const { return requested_; }
-    /// Releasing forgets what was counted: it was for whoever had requested it.
+    /// Releasing clears the count, which was for the previous requester.
     void request(bool on);
 
     [[nodiscard]] bool is_masked() const { return masked_; }
-    /// Masking keeps what was counted before.
+    /// Masking keeps the count.
     void mask(bool on) { masked_ = on; }
 
     [[nodiscard]] trigger kind() const { return kind_; }
     void configure(trigger kind) { kind_ = kind; }
 
-    /// Interrupts since they were last taken.
+    /// The count of interrupts since take() was last called.
     [[nodiscard]] std::uint32_t pending() const { return pending_; }
     std::uint32_t take();
 
-    /// The bench: pulses, an interrupt each, whatever the kind.
+    /// The bench: one interrupt for each pulse, with either trigger.
     interrupt_outcome raise(std::uint32_t pulses);
 
-    /// The bench: the level at the input. @return Whether it is such as to interrupt: an edge-triggered pin
-    /// does so at every change, a level-triggered one whenever it is set to 1.
+    /// The bench sets the level at the input. @return True for an interrupt: an edge-triggered pin
+    /// interrupts at every change, a level-triggered one each time it is set to 1.
     bool set_input(bool level);
 
 private:

@@ -1,112 +1,94 @@
 #include "i2c_bus.h"
 
+#include <linux/i2c.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+
+#include "hex.h"
 
 namespace kivboard
 {
-
-i2c_device::i2c_device(const device_description &description)
-    : registers_(description.size), address_bytes_(description.register_bits / 8),
-      refuses_(description.refuses), answers_left_(description.fails_after)
+namespace
 {
-    for (const initial_content &content : description.contents) {
-        std::copy(content.bytes.begin(), content.bytes.end(), registers_.begin() + content.at);
+
+int read_bytes(i2c_device &device, i2c_message &message)
+{
+    if (!device.start_read()) {
+        return ENXIO;
     }
+    std::vector<std::uint8_t> &bytes = message.bytes;
+    std::size_t done = 0;
+    if (message.is_counted) {
+        bytes[done++] = device.read_byte();
+        if (bytes[0] == 0 || bytes[0] > I2C_SMBUS_BLOCK_MAX) {
+            return EPROTO;
+        }
+        bytes.resize(bytes.size() + bytes[0]);
+    }
+    std::generate(bytes.begin() + static_cast<std::ptrdiff_t>(done), bytes.end(),
+                  [&device] { return device.read_byte(); });
+    return 0;
 }
 
-bool i2c_device::select()
-{
-    if (refuses_ == refusal::all || answers_left_ == 0U) {
-        return false;
-    }
-    if (answers_left_) {
-        --*answers_left_;
-    }
-    return true;
-}
+} // namespace
 
-std::size_t i2c_device::next()
-{
-    const std::size_t at = pointer_;
-    pointer_ = (pointer_ + 1) % registers_.size();
-    return at;
-}
+const unsigned long board_functions = I2C_FUNC_I2C | (I2C_FUNC_SMBUS_EMUL_ALL & ~I2C_FUNC_SMBUS_PEC);
 
-bool i2c_device::write(const std::vector<std::uint8_t> &bytes)
-{
-    if (bytes.size() > address_bytes_ && refuses_ == refusal::writes) {
-        return false;
-    }
-    if (bytes.size() < address_bytes_) { // a probe, or half an address: acknowledged, without effect
-        return true;
-    }
-    std::size_t pointer = 0;
-    for (std::size_t i = 0; i < address_bytes_; ++i) {
-        pointer = pointer << 8 | bytes[i];
-    }
-    pointer_ = pointer % registers_.size();
-    for (std::size_t i = address_bytes_; i < bytes.size(); ++i) {
-        registers_[next()] = bytes[i];
-    }
-    return true;
-}
-
-bool i2c_device::read(std::vector<std::uint8_t> &bytes)
-{
-    if (refuses_ == refusal::reads) {
-        return false;
-    }
-    for (std::uint8_t &byte : bytes) {
-        byte = registers_[next()];
-    }
-    return true;
-}
-
-i2c_bus::i2c_bus(const bus_description &description)
+described_bus::described_bus(const bus_description &description)
 {
     for (const device_description &device : description.devices) {
         devices_.emplace(device.address, i2c_device(device));
     }
 }
 
-i2c_device *i2c_bus::find(std::uint16_t address)
+i2c_device *described_bus::find(std::uint32_t address)
 {
     const auto found = devices_.find(address);
     return found != devices_.end() ? &found->second : nullptr;
 }
 
-int i2c_bus::transfer(std::vector<i2c_message> &messages)
+int described_bus::transfer(std::vector<i2c_message> &messages)
+{
+    busy_until_ = std::max(busy_until_, board_clock::now());
+    return carry_out(messages);
+}
+
+int described_bus::carry_out(std::vector<i2c_message> &messages)
 {
     const i2c_device *selected = nullptr;
     for (i2c_message &message : messages) {
         i2c_device *const device = find(message.address);
-        if (device == nullptr || (device != selected && !device->select())) {
-            return ENXIO;
+        int error = device == nullptr ? ENXIO : 0;
+        if (error == 0 && device != selected) {
+            error = select(*device);
+            selected = device;
         }
-        selected = device;
-        if (!(message.is_read ? device->read(message.bytes) : device->write(message.bytes))) {
-            return ENXIO;
+        if (error == 0 && message.is_read) {
+            error = read_bytes(*device, message);
+        } else if (error == 0) {
+            error = device->write(message.bytes) ? 0 : ENXIO;
+        }
+        if (error != 0) {
+            return error;
         }
     }
     return 0;
 }
 
+int described_bus::select(i2c_device &device)
+{
+    for (unsigned long tries = 0; !device.select(); ++tries) {
+        if (tries == retries_ || !device.may_answer_later()) {
+            return ENXIO;
+        }
+    }
+    busy_until_ += std::min<std::chrono::microseconds>(device.delay(), timeout_);
+    return device.delay() > timeout_ ? ETIMEDOUT : 0;
+}
+
 namespace
 {
-
-std::string list(const std::vector<std::uint8_t> &bytes)
-{
-    constexpr std::size_t shown = 32;
-    std::string text;
-    for (std::size_t i = 0; i < std::min(bytes.size(), shown); ++i) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, i > 0 ? " %02x" : "%02x", bytes[i]);
-        text += digits;
-    }
-    return bytes.size() > shown ? text + " ..." : text;
-}
 
 std::string outcome(int result)
 {
@@ -117,13 +99,11 @@ std::string outcome(int result)
 
 std::string describe(unsigned bus, const std::vector<i2c_message> &messages, int result)
 {
-    char head[32];
-    std::snprintf(head, sizeof head, "i2c-%u 0x%02x", bus, messages.front().address);
-    std::string line = head;
+    std::string line = "i2c-" + std::to_string(bus) + " " + hex_number(messages.front().address);
     for (const i2c_message &message : messages) {
-        const bool unknown = message.is_read && result != 0;
+        const bool is_unknown = message.is_read && result != 0;
         line += message.is_read ? " R[" : " W[";
-        line += unknown ? std::to_string(message.bytes.size()) + " bytes" : list(message.bytes);
+        line += is_unknown ? std::to_string(message.bytes.size()) + " bytes" : hex_bytes(message.bytes);
         line += "]";
     }
     return line + " " + outcome(result);

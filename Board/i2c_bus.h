@@ -1,65 +1,87 @@
-// The devices on an I2C bus: registers, and how they answer on the wire.
+// An I2C bus as its device node sees it, and the bus with described devices.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "board_file.h"
+#include "delayed_calls.h"
+#include "description.h"
+#include "i2c_device.h"
 
 namespace kivboard
 {
 
-/// A device with registers. A write sets the register pointer and stores what follows; a read goes on from
-/// the pointer. Both advance it, and it wraps behind the last register.
-class i2c_device
-{
-public:
-    explicit i2c_device(const device_description &description);
-
-    /// The wire. @return Whether the device acknowledged.
-    bool write(const std::vector<std::uint8_t> &bytes);
-    bool read(std::vector<std::uint8_t> &bytes);
-    /// Called once per transfer, before its messages. @return Whether the device answers at all.
-    bool select();
-
-    /// The bench: sets and shows registers past all refusals.
-    [[nodiscard]] std::size_t size() const { return registers_.size(); }
-    [[nodiscard]] std::uint8_t peek(std::size_t at) const { return registers_[at]; }
-    void poke(std::size_t at, std::uint8_t value) { registers_[at] = value; }
-
-private:
-    std::size_t next();
-
-    std::vector<std::uint8_t> registers_;
-    std::size_t pointer_ = 0;
-    std::size_t address_bytes_;
-    refusal refuses_;
-    std::optional<std::uint32_t> answers_left_;
-};
-
 struct i2c_message {
     std::uint16_t address;
     bool is_read;
-    std::vector<std::uint8_t> bytes; // sent, or room for what is read
+    std::vector<std::uint8_t> bytes; // to write, or room for the bytes read
+    bool is_counted = false; // a read whose first byte is the number of further bytes, beside the room
 };
+
+/// The I2C_FUNC_* flags of a bus with described devices. Packet error checking and 10-bit addresses are missing.
+extern const unsigned long board_functions;
 
 class i2c_bus
 {
 public:
-    explicit i2c_bus(const bus_description &description);
+    i2c_bus() = default;
+    virtual ~i2c_bus() = default;
+    i2c_bus(const i2c_bus &) = delete;
+    i2c_bus &operator=(const i2c_bus &) = delete;
 
-    /// One transfer: all messages in order, up to the first that is not acknowledged. @return 0 or an errno
-    /// value.
-    int transfer(std::vector<i2c_message> &messages);
+    /// The I2C_FUNC_* flags.
+    [[nodiscard]] virtual unsigned long functions() const = 0;
 
-    /// Null when nothing has this address.
-    i2c_device *find(std::uint16_t address);
+    /// @return 0, or EBUSY when a driver uses the address.
+    virtual int claim(std::uint16_t) { return 0; }
+
+    /// Both belong to the adapter, as in the kernel: they hold for everybody who uses the bus.
+    virtual void set_retries(unsigned long retries) = 0;
+    virtual void set_timeout(std::chrono::milliseconds timeout) = 0;
+
+    /// Carries out the messages in order, up to the first that fails. @return 0 or an errno value.
+    virtual int transfer(std::vector<i2c_message> &messages) = 0;
+
+    /// The time at which the last transfer ends. Its caller waits until then.
+    [[nodiscard]] virtual board_clock::time_point busy_until() const { return {}; }
+
+    /// True when the bus is one of the machine, whose registers are not the board's.
+    [[nodiscard]] virtual bool is_real() const { return false; }
+
+    /// Text about the last transfer, for the end of its line in the journal.
+    [[nodiscard]] virtual std::string remark() const { return ""; }
+
+    /// @return Null when no device of the board has this address.
+    virtual i2c_device *find(std::uint32_t) { return nullptr; }
+};
+
+class described_bus : public i2c_bus
+{
+public:
+    explicit described_bus(const bus_description &description);
+
+    [[nodiscard]] unsigned long functions() const override { return board_functions; }
+    void set_retries(unsigned long retries) override { retries_ = retries; }
+    void set_timeout(std::chrono::milliseconds timeout) override { timeout_ = timeout; }
+
+    /// The error is ENXIO when a message is not acknowledged, ETIMEDOUT when a device holds the clock for too long,
+    /// and EPROTO when the count of a counted read is not 1 to 32.
+    int transfer(std::vector<i2c_message> &messages) override;
+
+    [[nodiscard]] board_clock::time_point busy_until() const override { return busy_until_; }
+    i2c_device *find(std::uint32_t address) override;
 
 private:
-    std::map<std::uint16_t, i2c_device> devices_;
+    int carry_out(std::vector<i2c_message> &messages);
+    int select(i2c_device &device);
+
+    std::map<std::uint32_t, i2c_device> devices_;
+    unsigned long retries_ = 0;
+    std::chrono::milliseconds timeout_{1000}; // the kernel's default
+    board_clock::time_point busy_until_;
 };
 
 /// A transfer as a line of the journal: "i2c-4 0x18 W[0f] R[33] ok".

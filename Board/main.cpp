@@ -1,377 +1,244 @@
 // kivboard: the command line of the virtual board.
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/signalfd.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <optional>
+#include <iterator>
 #include <string>
 #include <vector>
 
-#include "board.h"
-#include "common/standard_streams.h"
+#include "board_connection.h"
+#include "control_socket.h"
+#include "player.h"
 #include "requests.h"
+#include "run.h"
+#include "standard_streams.h"
 
 namespace
 {
 
-using kivboard::sandbox_plan;
+using kivboard::complain;
+using kivboard::run_options;
 using words = std::vector<std::string>;
 
-constexpr int exit_usage = 2;
-constexpr int exit_cannot_run =
-    77; // a board cannot run on this machine: what test runners take for "skipped"
-constexpr int exit_no_command = 127;
-
 constexpr char usage_text[] =
-    "usage: kivboard run [OPTION...] -- COMMAND [ARGUMENT...]\n"
-    "       kivboard raise|level|fail|mend|peek|poke|journal ...\n"
-    "       kivboard -\n"
-    "       kivboard check\n"
-    "\n"
-    "run starts a virtual board and runs COMMAND on it: in a file system of its own, in which the\n"
-    "board's device nodes exist, and /var/log/zol, /media/internal and /etc/kiv are writable.\n"
-    "  --board FILE          the board's devices (else Conf/kiv_board.xml, the installed one, or\n"
-    "                        /etc/kiv/kiv_board.xml, the first that exists)\n"
-    "  --conf FILE           shows FILE as /etc/kiv/conf.xml\n"
-    "  --bind SOURCE:TARGET  shows a file or directory of the machine at another place\n"
-    "  --socket PATH         where the board answers the commands below\n"
-    "\n"
-    "From inside COMMAND or from another terminal (--socket PATH right after the command, else\n"
-    "$KIVBOARD_SOCKET, else the default):\n"
-    "  raise PIN [COUNT]                    interrupts of a pin: COUNT pulses, else one\n"
-    "  level PIN [VALUE]                    shows the level of a pin, or sets it at the input, which\n"
-    "                                       interrupts at a change (edge-triggered) or when it is 1\n"
-    "                                       (level-triggered)\n"
-    "  fail PIN NODE OPERATION              from now on an operation fails: open, read, write or poll\n"
-    "                                       of level, irq, irqmask, irqrequest or irqconfig\n"
-    "  mend PIN [NODE [OPERATION]]          it works again; all of a node, or of the pin\n"
-    "  peek BUS ADDRESS REGISTER [COUNT]    shows registers of a device\n"
-    "  poke BUS ADDRESS REGISTER VALUE...   sets them\n"
-    "  journal [--follow]                   shows what the board saw, a line each:\n"
-    "                                         1 i2c-4 0x18 W[0f] R[33] ok\n"
-    "                                         2 i2c-4 0x55 W[0f] R[1 bytes] no answer\n"
-    "                                         3 i2c-4 0x18 poke 0x0f=[2a]\n"
-    "                                         4 gpio_17 irqmask W[0] ok\n"
-    "                                         5 gpio_17 raise 3: counted, 3 pending\n"
-    "                                         6 gpio_17 irq R[3] ok\n"
-    "                                         7 gpio_5 raise 1: dropped, not requested\n"
-    "  -                                    takes such commands from the standard input, a line each,\n"
-    "                                       all over one connection: the way to raise many interrupts\n"
-    "\n"
-    "A pin shows as /sys/user_hw/pins/gpios/gpio_N/. What is raised is counted while the interrupt is\n"
-    "requested (irqrequest 1) and not masked (irqmask 0), else dropped, and raise says so. irq has\n"
-    "POLLPRI while something is counted; reading it from the start shows the count, which is 0 then.\n"
-    "A node that fails gives EIO, and to poll POLLERR.\n"
-    "\n"
-    "check tells, by its exit status and one line, whether a board can run on this machine.\n"
-    "\n"
-    "Numbers are decimal, or hexadecimal with 0x. Exit status: that of COMMAND (128 + N when signal\n"
-    "N ended it), 1 for a refused request or output that can't be written, 2 for a wrong usage or\n"
-    "board file, 77 when a board cannot run here.\n";
+    R"(usage: kivboard run [OPTION...] -- COMMAND [ARGUMENT...]
+       kivboard raise|level|fail|mend|peek|poke|wait|journal ...
+       kivboard play FILE
+       kivboard -
+       kivboard check
+
+run starts a virtual board and runs COMMAND on it: in a file system of its own, in which the
+board's device nodes exist, and /var/log/zol, /media/internal and /etc/kiv are writable.
+  --board FILE          the board's description (else Conf/kiv_board.xml, the installed one, or
+                        /etc/kiv/kiv_board.xml, the first that exists)
+  --conf FILE           shows FILE as /etc/kiv/conf.xml (else kiv_test.xml from those places)
+  --bind SOURCE:TARGET  shows a file or directory of the machine at another place
+  --socket PATH         the place where the board answers commands (else the default; when another
+                        board has that, a new one, which is printed)
+
+From inside COMMAND or from another terminal (--socket PATH right after the command, else
+$KIVBOARD_SOCKET, else the default):
+  raise PIN [COUNT]                    interrupts of a pin: COUNT pulses, else one
+  level PIN [VALUE]                    shows the level of a pin, or sets it at the input, which
+                                       interrupts at a change (edge-triggered) or when it is 1
+                                       (level-triggered)
+  fail PIN NODE OPERATION              from now on an operation fails: open, read, write or poll
+                                       of level, irq, irqmask, irqrequest or irqconfig
+  mend PIN [NODE [OPERATION]]          it works again; all of a node, or of the pin
+  peek BUS ADDRESS REGISTER [COUNT]    shows registers of a device
+  poke BUS ADDRESS REGISTER VALUE...   sets them
+  wait pin PIN requested               waits until an interrupt of the pin would be counted,
+  wait pin PIN is VALUE                until the pin has this level,
+  wait transfer BUS ADDRESS            or until a program has addressed the device; all of them
+                                       take --timeout TIME: 250us, 20ms, 1.5s, 2min or 1h
+  journal [--json] [--follow]          shows the transfers, writes and interrupts, a line each:
+                                         1 i2c-4 0x18 W[0f] R[33] ok
+                                         2 i2c-4 0x55 W[0f] R[1 bytes] no answer
+                                         3 i2c-4 0x18 poke 0x0f=[2a]
+                                         4 gpio_17 irqmask W[0] ok
+                                         5 gpio_17 raise 3: counted, 3 pending
+                                         6 gpio_17 irq R[3] ok
+                                         7 gpio_5 raise 1: dropped, not requested
+  play FILE                            plays stimuli at their times and checks the board, then tells
+                                       how many faults there were; kivboard(1) explains the lines:
+                                         wait pin 17 requested within 2s
+                                         +20ms raise 17              20 ms after the line before
+                                         @1.5s poke 4 0x18 0x28 0x10 after the start of the play
+                                         repeat 100 every 5ms raise 17
+                                         expect reg 4 0x18 0x20 = 0x57
+                                       The output of journal --json is such a file too: its
+                                       stimuli are played again.
+  -                                    reads such commands from the standard input, a line each,
+                                       and sends them over one connection: the way to raise many
+                                       interrupts
+
+A pin shows as /sys/user_hw/pins/gpios/gpio_N/. An interrupt is counted if it is requested
+(irqrequest 1) and not masked (irqmask 0), else it is dropped, and raise says so. While the count
+is not 0, irq has POLLPRI. Reading irq from the start shows the count and clears it. A node that
+fails gives EIO, and POLLERR to poll.
+
+check tells, by its exit status and one line, whether a board can run on this machine.
+
+Numbers are decimal, or hexadecimal with 0x. The exit status of run is that of COMMAND, 128 + N
+when signal N ended it. Else it is 1 for a failed request or play, or output that cannot be written,
+2 for a wrong usage, board file or play file, and 77 when a board cannot run here.
+)";
 
 int usage_error(const std::string &what)
 {
-    std::fprintf(stderr, "kivboard: %s; see kivboard --help\n", what.c_str());
-    return exit_usage;
+    return complain(kivboard::exit_usage, what + "; see kivboard --help");
 }
 
-int complain(int status, const std::string &what)
-{
-    std::fprintf(stderr, "kivboard: %s\n", what.c_str());
-    return status;
-}
-
-std::string default_socket()
-{
-    const char *const runtime = std::getenv("XDG_RUNTIME_DIR");
-    return std::string(runtime != nullptr && *runtime != '\0' ? runtime : "/tmp") + "/kivboard-" +
-           std::to_string(getuid()) + ".sock";
-}
-
-// What is installed with the program is found from where the program is: the tree may have been moved.
-std::string installed_board_file()
+// The places of an installed file, in the order of the search. The installation may have been moved, so its place
+// is relative to the program.
+words places_of(const std::string &name)
 {
     std::error_code error;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return (program.parent_path() / KIVBOARD_FILE_FROM_PROGRAM).lexically_normal();
+    const std::filesystem::path installed = program.parent_path() / KIVBOARD_DATA_FROM_PROGRAM / name;
+    return {"Conf/" + name, installed.lexically_normal(), "/etc/kiv/" + name};
 }
 
-std::string default_board_file()
+// @return "" when there is no such file.
+std::string find_file(const std::string &name)
 {
-    for (const std::string &candidate :
-         {std::string("Conf/kiv_board.xml"), installed_board_file(), std::string("/etc/kiv/kiv_board.xml")}) {
-        if (access(candidate.c_str(), R_OK) == 0) {
-            return candidate;
-        }
-    }
-    return "Conf/kiv_board.xml";
+    const words places = places_of(name);
+    const auto found = std::find_if(places.begin(), places.end(), [](const std::string &place) {
+        return access(place.c_str(), R_OK) == 0;
+    });
+    return found != places.end() ? *found : "";
 }
 
-struct run_options {
-    std::string board_file = default_board_file();
-    std::string socket;
-    std::vector<kivboard::bind_graft> binds;
-    words command;
-    std::string mistake;
+struct run_arguments {
+    run_options options;
+    std::string mistake; // the latest; parsing ends with the first
 };
 
-bool add_bind(run_options &options, const std::string &source, const std::string &target)
+void set_bind(run_arguments &parsed, const std::string &source, const std::string &target,
+              kivboard::bind_graft &bind)
 {
     std::error_code error;
-    const std::string absolute = std::filesystem::canonical(source, error);
-    if (error || !target.starts_with('/')) {
-        options.mistake = error ? "can't show " + source + ": " + error.message()
-                                : "the target must be an absolute path: " + target;
-        return false;
+    bind.source = std::filesystem::canonical(source, error);
+    bind.target = std::filesystem::path(target + "/").lexically_normal().parent_path();
+    if (error) {
+        parsed.mistake = "can't show " + source + ": " + error.message();
+    } else if (!target.starts_with('/')) {
+        parsed.mistake = "the target must be an absolute path: " + target;
     }
-    options.binds.push_back({absolute, target});
-    return true;
 }
 
-bool set_board(run_options &options, const std::string &value)
+void set_board(run_arguments &parsed, const std::string &value)
 {
-    options.board_file = value;
-    return true;
+    parsed.options.board_file = value;
 }
 
-bool set_socket(run_options &options, const std::string &value)
+void set_socket(run_arguments &parsed, const std::string &value)
 {
-    options.socket = value;
-    return true;
+    parsed.options.socket = value;
 }
 
-bool set_conf(run_options &options, const std::string &value)
+void set_conf(run_arguments &parsed, const std::string &value)
 {
-    return add_bind(options, value, "/etc/kiv/conf.xml");
+    set_bind(parsed, value, "/etc/kiv/conf.xml", parsed.options.conf);
 }
 
-bool set_bind(run_options &options, const std::string &value)
+void add_bind(run_arguments &parsed, const std::string &value)
 {
     const std::size_t colon = value.find(':');
     if (colon == std::string::npos) {
-        options.mistake = "--bind needs SOURCE:TARGET";
-        return false;
+        parsed.mistake = "--bind needs SOURCE:TARGET";
+        return;
     }
-    return add_bind(options, value.substr(0, colon), value.substr(colon + 1));
+    set_bind(parsed, value.substr(0, colon), value.substr(colon + 1), parsed.options.binds.emplace_back());
 }
 
 constexpr struct {
     const char *name;
-    bool (*set)(run_options &, const std::string &value);
+    void (*set)(run_arguments &, const std::string &value);
 } run_option_table[] = {
-    {"--board", set_board}, {"--socket", set_socket}, {"--conf", set_conf}, {"--bind", set_bind}};
+    {"--board", set_board}, {"--socket", set_socket}, {"--conf", set_conf}, {"--bind", add_bind}};
 
-bool apply_run_option(run_options &options, const std::string &name, const words &arguments,
-                      std::size_t &next)
+// Applies an option: "--name VALUE" or "--name=VALUE". @return The place of the next argument.
+std::size_t apply_run_option(run_arguments &parsed, const words &arguments, std::size_t at)
 {
-    for (const auto &[known, set] : run_option_table) {
-        if (name == known && next < arguments.size()) {
-            return set(options, arguments[next++]);
-        }
-        if (name == known) {
-            options.mistake = name + " needs a value";
-            return false;
-        }
+    const std::string &option = arguments[at];
+    const std::size_t equals = option.find('=');
+    const std::string name = option.substr(0, equals);
+    const auto *const found = std::find_if(std::begin(run_option_table), std::end(run_option_table),
+                                           [&name](const auto &each) { return name == each.name; });
+    if (found == std::end(run_option_table)) {
+        parsed.mistake = "run does not know " + name;
+    } else if (equals != std::string::npos) {
+        found->set(parsed, option.substr(equals + 1));
+    } else if (at + 1 == arguments.size()) {
+        parsed.mistake = name + " needs a value";
+    } else {
+        found->set(parsed, arguments[at + 1]);
+        return at + 2;
     }
-    options.mistake = "run does not know " + name;
-    return false;
+    return at + 1;
 }
 
-run_options parse_run(const words &arguments)
+run_arguments parse_run(const words &arguments)
 {
-    run_options options;
-    std::size_t next = 0;
-    while (next < arguments.size() && arguments[next].starts_with("--")) {
-        const std::string &name = arguments[next++];
-        if (name == "--" || !apply_run_option(options, name, arguments, next)) {
-            break;
-        }
+    run_arguments parsed;
+    std::size_t at = 0;
+    while (parsed.mistake.empty() && at < arguments.size() && arguments[at].starts_with("--") &&
+           arguments[at] != "--") {
+        at = apply_run_option(parsed, arguments, at);
     }
-    options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(next), arguments.end());
-    if (options.mistake.empty() && options.command.empty()) {
-        options.mistake = "run needs a COMMAND";
+    at += at < arguments.size() && arguments[at] == "--" ? 1 : 0;
+    parsed.options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(at), arguments.end());
+    if (parsed.mistake.empty() && parsed.options.command.empty()) {
+        parsed.mistake = "run needs a COMMAND";
     }
-    return options;
+    return parsed;
 }
 
-// A message that carries one descriptor over a socket.
-struct descriptor_message {
-    descriptor_message()
-    {
-        header.msg_iov = &part;
-        header.msg_iovlen = 1;
-        header.msg_control = control;
-        header.msg_controllen = sizeof control;
-    }
-    descriptor_message(const descriptor_message &) = delete;
-    descriptor_message &operator=(const descriptor_message &) = delete;
-
-    char data = 0;
-    iovec part{&data, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr header = {};
-};
-
-void hand_over(int fd, int channel)
+// Finds the files that the command line does not name. A board needs no configuration.
+void find_files(run_arguments &parsed)
 {
-    descriptor_message message;
-    cmsghdr *const rights = CMSG_FIRSTHDR(&message.header);
-    rights->cmsg_level = SOL_SOCKET;
-    rights->cmsg_type = SCM_RIGHTS;
-    rights->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(rights), &fd, sizeof fd);
-    sendmsg(channel, &message.header, MSG_NOSIGNAL);
-    close(fd);
+    if (parsed.options.board_file.empty()) {
+        parsed.options.board_file = find_file("kiv_board.xml");
+    }
+    const std::string conf = find_file("kiv_test.xml");
+    if (parsed.options.conf.source.empty() && !conf.empty()) {
+        set_conf(parsed, conf);
+    }
 }
 
-kiv::unique_fd take_over(int channel)
+int complain_of_no_description()
 {
-    descriptor_message message;
-    ssize_t got = 0;
-    do {
-        got = recvmsg(channel, &message.header, MSG_CMSG_CLOEXEC);
-    } while (got < 0 && errno == EINTR);
-    const cmsghdr *const rights = got > 0 ? CMSG_FIRSTHDR(&message.header) : nullptr;
-    int fd = -1;
-    if (rights != nullptr && rights->cmsg_type == SCM_RIGHTS) {
-        std::memcpy(&fd, CMSG_DATA(rights), sizeof fd);
-    }
-    return kiv::unique_fd(fd);
-}
-
-[[noreturn]] void become_command(const run_options &options, const sandbox_plan &plan, int channel,
-                                 const sigset_t &former_mask)
-{
-    prctl(PR_SET_PDEATHSIG, SIGTERM); // nothing works here any more once the board is gone
-    std::string problem = kivboard::enter_namespaces();
-    if (problem.empty()) {
-        problem = kivboard::graft(plan, hand_over, channel);
-    }
-    if (!problem.empty()) {
-        _exit(complain(exit_cannot_run, problem));
-    }
-    setenv("KIVBOARD_SOCKET", options.socket.c_str(), 1);
-    sigprocmask(SIG_SETMASK, &former_mask, nullptr);
-    std::vector<char *> arguments;
-    for (const std::string &word : options.command) {
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    execvp(arguments[0], arguments.data());
-    _exit(complain(exit_no_command, options.command[0] + ": " + std::strerror(errno)));
-}
-
-int exit_status(int status)
-{
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-int serve_command(kivboard::running_board &board, pid_t command, int channel, int signal_fd)
-{
-    const kiv::unique_fd fuse = take_over(channel);
-    if (!fuse.is_open()) { // the child has said why
-        int status = 0;
-        waitpid(command, &status, 0);
-        return exit_status(status);
-    }
-    if (!board.files().attach(fuse.get())) {
-        kill(command, SIGKILL);
-        return complain(1, "can't serve the board's file system");
-    }
-    return exit_status(board.serve(command, fuse.get(), signal_fd));
-}
-
-int run_on(kivboard::running_board &board, const run_options &options)
-{
-    const sandbox_plan plan{board.grafts(), {"/var/log/zol", "/media/internal", "/etc/kiv"}, options.binds};
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-        return complain(1, std::strerror(errno));
-    }
-    const kiv::unique_fd ours(ends[0]);
-    kiv::unique_fd theirs(ends[1]);
-    sigset_t handled;
-    sigset_t former;
-    sigemptyset(&handled);
-    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&handled, signal);
-    }
-    sigprocmask(SIG_BLOCK, &handled, &former);
-    const kiv::unique_fd signals(signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        become_command(options, plan, theirs.get(), former);
-    }
-    theirs.reset();
-    if (child < 0) {
-        return complain(1, std::strerror(errno));
-    }
-    return serve_command(board, child, ours.get(), signals.get());
-}
-
-// Without a path of its own a board takes the default one, and where that is taken, one of its own making.
-std::string choose_socket(const std::string &wanted)
-{
-    std::string path = wanted.empty() ? default_socket() : wanted;
-    if (!wanted.empty() || !kivboard::is_board_at(path)) {
-        return path;
-    }
-    return path.substr(0, path.size() - std::strlen(".sock")) + "-" + std::to_string(getpid()) + ".sock";
+    const words places = places_of("kiv_board.xml");
+    return complain(kivboard::exit_usage, "there is no description of the board: neither " + places[0] +
+                                              " nor " + places[1] + " nor " + places[2] +
+                                              "; name one with --board FILE");
 }
 
 int command_run(const words &arguments)
 {
-    run_options options = parse_run(arguments);
-    if (!options.mistake.empty()) {
-        return usage_error(options.mistake);
+    run_arguments parsed = parse_run(arguments);
+    if (parsed.mistake.empty()) {
+        find_files(parsed);
     }
-    std::string problem;
-    const std::optional<kivboard::board_description> description =
-        kivboard::read_board_file(options.board_file, problem);
-    if (!description) {
-        return complain(exit_usage, problem);
+    if (!parsed.mistake.empty()) {
+        return usage_error(parsed.mistake);
     }
-    options.socket = choose_socket(options.socket);
-    kivboard::running_board board(*description);
-    problem = board.control().listen(options.socket);
-    return problem.empty() ? run_on(board, options) : complain(1, problem);
+    return parsed.options.board_file.empty() ? complain_of_no_description() : kivboard::run(parsed.options);
 }
 
 int command_check(const words &arguments)
 {
-    if (!arguments.empty()) {
-        return usage_error("check takes no arguments");
-    }
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        std::string problem = kivboard::enter_namespaces();
-        if (problem.empty()) {
-            int fuse_fd = -1;
-            problem = kivboard::mount_fuse("/dev", fuse_fd);
-        }
-        _exit(problem.empty() ? 0
-                              : complain(exit_cannot_run, "a virtual board cannot run here: it " + problem));
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return exit_status(status);
+    return arguments.empty() ? kivboard::check() : usage_error("check takes no arguments");
 }
 
-// Takes "--socket PATH" off the front of the arguments. @return Where the board answers.
+// Removes "--socket PATH" from the front of the arguments. @return The path of the board's socket.
 std::string take_socket(words &arguments)
 {
     if (arguments.size() >= 2 && arguments[0] == "--socket") {
@@ -380,28 +247,23 @@ std::string take_socket(words &arguments)
         return socket;
     }
     const char *const inherited = std::getenv("KIVBOARD_SOCKET");
-    return inherited != nullptr ? inherited : default_socket();
-}
-
-int complain_of_no_board(const std::string &socket)
-{
-    return complain(1, "no board answers at " + socket);
+    return inherited != nullptr && *inherited != '\0' ? inherited : kivboard::default_socket();
 }
 
 int command_request(const kivboard::request_form &form, words arguments)
 {
     const std::string socket = take_socket(arguments);
-    arguments.insert(arguments.begin(), form.name);
-    if (const std::string problem = kivboard::misuse(form, arguments); !problem.empty()) {
+    if (const std::string problem = kivboard::check_count(form, arguments.size()); !problem.empty()) {
         return usage_error(problem);
     }
+    arguments.insert(arguments.begin(), form.name);
     std::string line;
     for (const std::string &word : arguments) {
         line += word + " ";
     }
     std::replace(line.begin(), line.end(), '\n', ' '); // one command is one request
     kivboard::board_connection board(socket);
-    return board.is_open() ? board.ask(line) : complain_of_no_board(socket);
+    return board.is_open() ? board.ask(line) : complain(kivboard::exit_failure, board.problem());
 }
 
 int command_requests(const words &arguments)
@@ -413,15 +275,22 @@ int command_requests(const words &arguments)
     }
     kivboard::board_connection board(socket);
     if (!board.is_open()) {
-        return complain_of_no_board(socket);
+        return complain(kivboard::exit_failure, board.problem());
     }
-    int status = 0;
+    int status = 0; // a request that fails does not end the others
     for (std::string line; board.is_open() && std::getline(std::cin, line);) {
         if (line.find_first_not_of(" \t\r") != std::string::npos) {
             status = std::max(status, board.ask(line));
         }
     }
     return status;
+}
+
+int command_play(const words &arguments)
+{
+    words rest = arguments;
+    const std::string socket = take_socket(rest);
+    return rest.size() == 1 ? kivboard::play(rest[0], socket) : usage_error("play needs FILE");
 }
 
 int command_help(const words &)
@@ -439,11 +308,15 @@ int command_version(const words &)
 constexpr struct {
     const char *name;
     int (*run)(const words &arguments);
-} commands[] = {{"run", command_run},     {"check", command_check}, {"-", command_requests},
-                {"--help", command_help}, {"-h", command_help},     {"--version", command_version}};
+} commands[] = {{"run", command_run},          {"check", command_check}, {"-", command_requests},
+                {"play", command_play},        {"--help", command_help}, {"-h", command_help},
+                {"--version", command_version}};
 
 int run_command_line(const words &arguments)
 {
+    if (arguments.size() > 1 && arguments[1] == "--help") {
+        return command_help(arguments);
+    }
     for (const auto &[name, run] : commands) {
         if (!arguments.empty() && arguments[0] == name) {
             return run(words(arguments.begin() + 1, arguments.end()));
@@ -462,6 +335,7 @@ int run_command_line(const words &arguments)
 int main(int argc, char **argv)
 {
     kiv::keep_standard_descriptors();
+    std::signal(SIGCHLD, SIG_DFL); // if the parent ignores it, COMMAND's end would not be noticed
     const words arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
     return kiv::after_output("kivboard", run_command_line(arguments));
 }

@@ -1,4 +1,4 @@
-// Numbers in requests and board files: decimal, or hexadecimal with 0x.
+// Numbers in requests and descriptions: decimal, or hexadecimal with 0x.
 #pragma once
 
 #include <charconv>
@@ -9,7 +9,7 @@
 namespace kivboard
 {
 
-/// @return Nothing unless the whole text is one number of 32 bits.
+/// @return Nothing unless the whole text is one number that fits 32 bits.
 inline std::optional<std::uint32_t> parse_number(std::string_view text, int base)
 {
     std::uint32_t value = 0;

@@ -11,8 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <set>
 
 #include "common/unique_fd.h"
 
@@ -23,7 +21,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-// Where the board's file system is mounted while its nodes are grafted.
+// The board's file system is mounted at the staging directory until its nodes are shown at their places.
 constexpr char device_directory[] = "/dev";
 constexpr char staging_directory[] = "/dev/.kivboard";
 
@@ -38,7 +36,7 @@ bool write_text(const std::string &path, const std::string &text)
     return write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// Keeps the caller's own identity, and nobody else's, in the new user namespace.
+// In the new user namespace only the caller exists, with the same numbers as outside.
 bool map_identity(uid_t uid, gid_t gid)
 {
     const std::string user = std::to_string(uid);
@@ -58,72 +56,116 @@ bool mount_tmpfs(const std::string &directory)
     return mount("kivboard", directory.c_str(), "tmpfs", MS_NOSUID, "mode=0755") == 0;
 }
 
+// O_EXCL: a link that leads nowhere must not make a file on the machine.
 bool make_file(const std::string &path)
 {
-    return kiv::unique_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644)).is_open();
+    return kiv::unique_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)).is_open();
 }
 
-// Makes places to graft to. A directory of the machine in which one is missing is covered by a small file
-// system of our own, in which everything that was there shows again.
-class ground
-{
-public:
-    /// Makes a directory, and the ones above it. @return "" or what went wrong.
-    std::string make_directory(const std::string &path);
-
-    /// The same for an empty file.
-    std::string make_file_at(const std::string &path);
-
-    std::string cover(const std::string &directory);
-
-private:
-    [[nodiscard]] bool is_ours(const std::string &path) const;
-    static std::string mirror(const std::string &original, const std::string &directory,
-                              const std::string &name);
-
-    std::set<dev_t> ours_; // the file systems that cover directories
-};
-
-bool ground::is_ours(const std::string &path) const
+// @param[out] type  As in st_mode, links followed; 0 when nothing is there. @return "" or what went wrong.
+std::string find_type(const std::string &path, mode_t &type)
 {
     struct stat status = {};
-    return stat(path.c_str(), &status) == 0 && ours_.contains(status.st_dev);
+    const bool found = stat(path.c_str(), &status) == 0;
+    type = found ? status.st_mode & S_IFMT : 0;
+    return found || errno == ENOENT ? "" : reason("can't look at " + path);
+}
+
+std::string list_directory(const std::string &path, std::vector<std::string> &names)
+{
+    std::error_code error;
+    for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        names.push_back(entry->path().filename());
+    }
+    return error ? error.message() : "";
+}
+
+std::string copy_link(const std::string &source, const std::string &target)
+{
+    std::error_code error;
+    const fs::path content = fs::read_symlink(source, error);
+    if (!error) {
+        fs::create_symlink(content, target, error);
+    }
+    return error ? "can't show " + target + " again: " + error.message() : "";
 }
 
 // Shows one entry of the original directory again, in the file system that covers it.
-std::string ground::mirror(const std::string &original, const std::string &directory, const std::string &name)
+std::string mirror(const std::string &original, const std::string &directory, const std::string &name)
 {
     const std::string source = original + "/" + name;
     const std::string target = directory + "/" + name;
     struct stat status = {};
     if (lstat(source.c_str(), &status) != 0) {
-        return ""; // it has gone meanwhile
+        return ""; // it was removed meanwhile
     }
-    std::error_code error;
     if (S_ISLNK(status.st_mode)) {
-        fs::create_symlink(fs::read_symlink(source, error), target, error);
-        return error ? target + ": " + error.message() : "";
+        return copy_link(source, target);
     }
     const bool made = S_ISDIR(status.st_mode) ? mkdir(target.c_str(), 0755) == 0 : make_file(target);
     return made && bind(source, target) ? "" : reason("can't show " + target + " again");
 }
 
-std::string ground::cover(const std::string &directory)
+constexpr char container_advice[] =
+    "; a container is started with --cap-add SYS_ADMIN --security-opt apparmor=unconfined --security-opt "
+    "seccomp=unconfined";
+
+// The settings by which a system denies namespaces to ordinary users.
+constexpr struct {
+    const char *file;
+    char forbidding;
+    const char *remedy;
+} namespace_settings[] = {
+    {"/proc/sys/kernel/unprivileged_userns_clone", '0', "kernel.unprivileged_userns_clone=1"},
+    {"/proc/sys/kernel/apparmor_restrict_unprivileged_userns", '1',
+     "kernel.apparmor_restrict_unprivileged_userns=0"},
+    {"/proc/sys/user/max_user_namespaces", '0', "user.max_user_namespaces=10000"},
+};
+
+std::string namespace_problem(const std::string &what)
+{
+    const std::string problem = reason(what);
+    for (const auto &[file, forbidding, remedy] : namespace_settings) {
+        if (char value = 0; std::ifstream(file).get(value) && value == forbidding && geteuid() != 0) {
+            return problem + "; this system restricts them: sudo sysctl " + remedy;
+        }
+    }
+    return problem + container_advice;
+}
+
+} // namespace
+
+sandbox::sandbox()
+{
+    std::error_code error;
+    working_directory_ = fs::current_path(error);
+    problem_ = error ? "can't tell the working directory: " + error.message() : "";
+}
+
+bool sandbox::is_ours(const std::string &path) const
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && ours_.contains(status.st_dev);
+}
+
+// Covers a directory of the machine with a small file system, which shows the same entries and can take more.
+std::string sandbox::cover(const std::string &directory)
 {
     const kiv::unique_fd original(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const std::string original_path = "/proc/self/fd/" + std::to_string(original.get());
-    std::vector<std::string> names;
-    std::error_code error;
-    for (const fs::directory_entry &entry : fs::directory_iterator(original_path, error)) {
-        names.push_back(entry.path().filename());
-    }
-    if (error || !original.is_open() || !mount_tmpfs(directory)) {
+    if (!original.is_open()) {
         return reason("can't cover " + directory);
     }
-    struct stat status = {};
-    if (stat(directory.c_str(), &status) == 0) {
-        ours_.insert(status.st_dev);
+    const std::string original_path = "/proc/self/fd/" + std::to_string(original.get());
+    std::vector<std::string> names;
+    if (const std::string problem = list_directory(original_path, names); !problem.empty()) {
+        return "can't cover " + directory + ": " + problem;
     }
+    struct stat status = {};
+    if (!mount_tmpfs(directory) || stat(directory.c_str(), &status) != 0) {
+        return reason("can't cover " + directory);
+    }
+    ours_.insert(status.st_dev);
     for (const std::string &name : names) {
         if (std::string problem = mirror(original_path, directory, name); !problem.empty()) {
             return problem;
@@ -132,75 +174,116 @@ std::string ground::cover(const std::string &directory)
     return "";
 }
 
-std::string ground::make_directory(const std::string &path)
+// Makes the directory that holds a path, one to which entries can be added.
+std::string sandbox::make_parent(const std::string &path)
 {
-    if (fs::is_directory(path)) {
-        return "";
-    }
     const std::string parent = fs::path(path).parent_path();
-    if (parent == "/") { // processes keep their root, so covering it would not show them anything
+    if (parent == "/") { // a process keeps its root directory, so it would not see what covers it
         return path + " is missing, and only the machine's administrator can make it";
     }
-    if (std::string problem = make_directory(parent); !problem.empty()) {
+    const std::string problem = make_directory(parent);
+    return problem.empty() && !is_ours(parent) ? cover(parent) : problem;
+}
+
+std::string sandbox::make_directory(const std::string &path)
+{
+    mode_t type = 0;
+    std::string problem = find_type(path, type);
+    if (!problem.empty() || type == S_IFDIR) {
         return problem;
     }
-    if (!is_ours(parent)) {
-        if (std::string problem = cover(parent); !problem.empty()) {
+    problem = type == 0 ? make_parent(path) : "";
+    return !problem.empty() || mkdir(path.c_str(), 0755) == 0 ? problem : reason("can't make " + path);
+}
+
+std::string sandbox::make_file_at(const std::string &path)
+{
+    mode_t type = 0;
+    std::string problem = find_type(path, type);
+    if (!problem.empty() || type != 0) {
+        return problem;
+    }
+    problem = make_parent(path);
+    return !problem.empty() || make_file(path) ? problem : reason("can't make " + path);
+}
+
+// A mount needs a target of the same kind as its source.
+std::string sandbox::show(const std::string &source, const std::string &target)
+{
+    mode_t type = 0;
+    std::string problem = find_type(source, type);
+    if (problem.empty()) {
+        problem = type == S_IFDIR ? make_directory(target) : make_file_at(target);
+    }
+    return !problem.empty() || bind(source, target) ? problem
+                                                    : reason("can't show " + source + " at " + target);
+}
+
+std::string sandbox::show_nodes(const std::vector<bind_graft> &nodes, bool (*send)(int fuse_fd, int channel),
+                                int channel)
+{
+    std::string problem = cover(device_directory);
+    if (problem.empty()) {
+        problem = make_directory(staging_directory);
+    }
+    int fuse_fd = -1;
+    if (problem.empty()) {
+        problem = mount_fuse(staging_directory, fuse_fd);
+    }
+    if (problem.empty() && !send(fuse_fd, channel)) {
+        problem = reason("can't reach the board");
+    }
+    for (std::size_t i = 0; i < nodes.size() && problem.empty(); ++i) {
+        problem = show(std::string(staging_directory) + "/" + nodes[i].source, nodes[i].target);
+    }
+    umount2(staging_directory, MNT_DETACH); // the shown nodes stay mounted
+    rmdir(staging_directory);
+    return problem;
+}
+
+std::string sandbox::make_writable(const std::vector<std::string> &directories)
+{
+    for (const std::string &directory : directories) {
+        std::string problem = make_directory(directory);
+        if (problem.empty() && !mount_tmpfs(directory)) {
+            problem = reason("can't make " + directory + " writable");
+        }
+        if (!problem.empty()) {
             return problem;
         }
     }
-    return mkdir(path.c_str(), 0755) == 0 ? "" : reason("can't make " + path);
+    return "";
 }
 
-std::string ground::make_file_at(const std::string &path)
+std::string sandbox::show_files(const std::vector<bind_graft> &binds)
 {
-    if (fs::exists(path)) {
-        return "";
+    for (const auto &[source, target] : binds) {
+        if (std::string problem = show(source, target); !problem.empty()) {
+            return problem;
+        }
     }
-    const std::string parent = fs::path(path).parent_path();
-    std::string problem = make_directory(parent);
-    if (problem.empty() && !is_ours(parent)) {
-        problem = cover(parent);
-    }
-    if (!problem.empty()) {
-        return problem;
-    }
-    return make_file(path) ? "" : reason("can't make " + path);
+    return "";
 }
 
-std::string graft_bind(ground &place, const std::string &source, const std::string &target)
+std::string sandbox::enter_working_directory() const
 {
-    std::string problem =
-        fs::is_directory(source) ? place.make_directory(target) : place.make_file_at(target);
-    if (problem.empty() && !bind(source, target)) {
-        problem = reason("can't graft " + source + " to " + target);
-    }
-    return problem;
+    return !problem_.empty() || chdir(working_directory_.c_str()) == 0
+               ? problem_
+               : reason("can't return to " + working_directory_);
 }
-
-std::string graft_writable(ground &place, const std::string &directory)
-{
-    std::string problem = place.make_directory(directory);
-    if (problem.empty() && !mount_tmpfs(directory)) {
-        problem = reason("can't make " + directory + " writable");
-    }
-    return problem;
-}
-
-} // namespace
 
 std::string enter_namespaces()
 {
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
     if (uid != 0 && unshare(CLONE_NEWUSER) != 0) {
-        return reason("needs user namespaces or root");
+        return namespace_problem("needs user namespaces or root");
     }
     if (uid != 0 && !map_identity(uid, gid)) {
-        return reason("needs user namespaces (can't map the user) or root");
+        return namespace_problem("needs user namespaces (can't map the user) or root");
     }
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return reason("needs mount namespaces");
+        return namespace_problem("needs mount namespaces");
     }
     return "";
 }
@@ -209,7 +292,10 @@ std::string mount_fuse(const std::string &directory, int &fuse_fd)
 {
     kiv::unique_fd device(open("/dev/fuse", O_RDWR | O_CLOEXEC));
     if (!device.is_open()) {
-        return reason("needs an accessible /dev/fuse");
+        const bool forbidden = errno == EACCES;
+        return reason("needs an accessible /dev/fuse") +
+               (forbidden ? "; sudo chmod 666 /dev/fuse, or run it as root"
+                          : "; sudo modprobe fuse, or start the container with --device /dev/fuse");
     }
     const std::string options = "fd=" + std::to_string(device.get()) +
                                 ",rootmode=40000,user_id=" + std::to_string(geteuid()) +
@@ -219,41 +305,6 @@ std::string mount_fuse(const std::string &directory, int &fuse_fd)
     }
     fuse_fd = device.release();
     return "";
-}
-
-std::string graft(const sandbox_plan &plan, void (*hand_over)(int fuse_fd, int channel), int channel)
-{
-    const std::string working_directory = fs::current_path();
-    ground place;
-    std::string problem = place.cover(device_directory);
-    if (problem.empty()) {
-        problem = place.make_directory(staging_directory);
-    }
-    int fuse_fd = -1;
-    if (problem.empty()) {
-        problem = mount_fuse(staging_directory, fuse_fd);
-    }
-    if (!problem.empty()) {
-        return problem;
-    }
-    hand_over(fuse_fd, channel);
-    for (std::size_t i = 0; i < plan.nodes.size() && problem.empty(); ++i) {
-        problem = graft_bind(place, std::string(staging_directory) + "/" + plan.nodes[i].source,
-                             plan.nodes[i].target);
-    }
-    umount2(staging_directory, MNT_DETACH); // what is grafted stays
-    rmdir(staging_directory);
-    for (std::size_t i = 0; i < plan.writable_directories.size() && problem.empty(); ++i) {
-        problem = graft_writable(place, plan.writable_directories[i]);
-    }
-    for (std::size_t i = 0; i < plan.binds.size() && problem.empty(); ++i) {
-        problem = graft_bind(place, plan.binds[i].source, plan.binds[i].target);
-    }
-    // The path now leads to what covers the old place.
-    if (problem.empty() && chdir(working_directory.c_str()) != 0) {
-        problem = reason("can't return to " + working_directory);
-    }
-    return problem;
 }
 
 } // namespace kivboard

@@ -29,16 +29,22 @@ std::optional<std::int64_t> parse_integer(std::string_view text)
                                                                                      : std::nullopt;
 }
 
+// Some 285 years. Up to here a double is exact to the microsecond, and no difference overflows.
+constexpr std::int64_t most_seconds = 9'000'000'000;
+
 // "1.500000" in microseconds. The fraction always counts upwards: -1.900000 is 0.1 s before the start.
 std::optional<std::int64_t> parse_time(std::string_view text)
 {
     const std::size_t point = text.find('.');
-    if (point == std::string_view::npos || text.size() - point != 7) {
+    if (point == std::string_view::npos || text.size() - point != 7 || text[point + 1] == '-') {
         return std::nullopt;
     }
     const std::optional<std::int64_t> seconds = parse_integer(text.substr(0, point));
     const std::optional<std::int64_t> fraction = parse_integer(text.substr(point + 1));
-    return seconds && fraction ? std::optional(*seconds * 1'000'000 + *fraction) : std::nullopt;
+    if (!seconds || !fraction || *seconds > most_seconds || *seconds < -most_seconds) {
+        return std::nullopt;
+    }
+    return *seconds * 1'000'000 + *fraction;
 }
 
 bool add_cell(lane &lane, std::size_t index, std::int64_t time_us, const std::string &cell)
@@ -52,7 +58,7 @@ bool add_cell(lane &lane, std::size_t index, std::int64_t time_us, const std::st
     return true;
 }
 
-// @return "" or what is wrong.
+// @return "" or the mistake.
 std::string add_row(timing_trace &trace, const std::vector<std::string> &cells)
 {
     if (cells.size() != trace.lanes.size() + 2) {

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 #include "timing_trace.h"
 
@@ -33,23 +34,53 @@ std::string number(double value, int decimals = 1)
     return text;
 }
 
-std::string escape(const std::string &text)
+// The smallest code point for each size of a sequence. A smaller one would be an overlong form, which is invalid.
+constexpr std::array<std::uint32_t, 5> smallest = {0, 0, 0x80, 0x800, 0x10000};
+
+bool is_xml_character(std::uint32_t code)
+{
+    const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
+    return !is_surrogate && code != 0xFFFE && code != 0xFFFF && code <= 0x10FFFF;
+}
+
+// @return The size of the UTF-8 character at the head of a text; 0 when it is invalid, or not allowed in XML.
+std::size_t character_size(std::string_view text)
+{
+    const auto first = static_cast<unsigned char>(text[0]);
+    const std::size_t size = first < 0x80 ? 1 : first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    std::uint32_t code = size == 1 ? first : first & (0x7FU >> size);
+    for (std::size_t i = 1; i < size; ++i) {
+        if (i >= text.size() || (static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
+            return 0;
+        }
+        code = code << 6 | (static_cast<unsigned char>(text[i]) & 0x3FU);
+    }
+    const bool is_lead = first < 0x80 || (first >= 0xC2 && first < 0xF8);
+    return is_lead && code >= smallest[size] && is_xml_character(code) ? size : 0;
+}
+
+std::string escape_character(std::string_view character)
+{
+    switch (character[0]) {
+    case '&':
+        return "&amp;";
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    default:
+        return static_cast<unsigned char>(character[0]) < 0x20 ? " " : std::string(character);
+    }
+}
+
+// Shows an invalid byte as U+FFFD, because parsers reject a picture that is not UTF-8.
+std::string escape(std::string_view text)
 {
     std::string escaped;
-    for (const char c : text) {
-        switch (c) {
-        case '&':
-            escaped += "&amp;";
-            break;
-        case '<':
-            escaped += "&lt;";
-            break;
-        case '>':
-            escaped += "&gt;";
-            break;
-        default:
-            escaped += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-        }
+    while (!text.empty()) {
+        const std::size_t size = character_size(text);
+        escaped += size > 0 ? escape_character(text.substr(0, size)) : "\xEF\xBF\xBD";
+        text.remove_prefix(std::max<std::size_t>(size, 1));
     }
     return escaped;
 }
@@ -71,7 +102,7 @@ double tick_step(double span)
     return 10 * power;
 }
 
-// Where things are on the picture.
+// The geometry of the picture.
 class layout
 {
 public:
@@ -142,7 +173,7 @@ std::string draw_axis(const layout &at)
                       std::string("time in ") + unit.name);
 }
 
-// A level holds until the next one; where it is high and held for no time, a dot on the spike makes it seen.
+// A level holds until the next one. A pulse takes no time, so a dot on its spike makes it visible.
 std::string draw_lane(const layout &at, const lane &lane, std::size_t index)
 {
     const std::string colour = colours[index % colours.size()];

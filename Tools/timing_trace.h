@@ -1,4 +1,4 @@
-// A timing log as it was written: lanes, and what each shows when.
+// A timing log in memory: lanes and their levels over time.
 #pragma once
 
 #include <cstdint>
@@ -26,10 +26,10 @@ struct timing_trace {
     std::int64_t last_us = 0;
 };
 
-/// @param[out] error  "file:line: what is wrong" when there is no trace.
+/// @param[out] error  "file:line: mistake", when there is no trace.
 std::optional<timing_trace> read_timing_csv(const std::string &path, std::string &error);
 
-/// A picture that stands for itself: a lane below the other, a time axis, every pulse visible.
+/// A self-contained picture: one lane below the other, a time axis, every pulse visible.
 std::string to_svg(const timing_trace &trace, const std::string &title);
 
 /// For waveform viewers; a unit of time is a microsecond. A pulse is high for one.

@@ -35,7 +35,7 @@ std::string name_of(const std::string &label)
     return name;
 }
 
-// The levels of a lane that differ from the one before. What is high for no time is high for a microsecond.
+// Adds the changes of a lane. A pulse, which takes no time in the log, lasts a microsecond.
 void add_changes(const timing_trace &trace, std::size_t index, std::vector<change> &changes)
 {
     const std::vector<level_at> &levels = trace.lanes[index].levels;

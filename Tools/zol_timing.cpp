@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "common/standard_streams.h"
+#include "standard_streams.h"
 #include "timing_trace.h"
 
 namespace

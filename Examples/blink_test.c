@@ -1,6 +1,6 @@
 /*
- * kivtest.exe with a test module of one's own: "blink" switches a lamp and checks what its pin says. Options
- * behind -m are the module's. It logs at two levels (-x shows all), and an assertion that fails is reported
+ * kivtest.exe with a test module of one's own: "blink" switches a lamp and checks the level of its pin.
+ * Options behind -m are the module's. It logs at two levels (-x shows all), and an assertion that fails is reported
  * and the test goes on.
  *
  *     blink_test -s 1 -m blink -n 4          # -s 1: without a board

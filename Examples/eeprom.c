@@ -1,6 +1,6 @@
 /*
- * An EEPROM with 16-bit register addresses: a text is written, byte after byte to consecutive addresses, and
- * read back in one transfer. The second EEPROM is write-protected, which shows as a status.
+ * An EEPROM with 16-bit register addresses: writes a text, byte after byte to consecutive addresses, and
+ * reads it back in one transfer. The second EEPROM is write-protected: its write ends with a status.
  *
  *     kivboard run -- sh -c 'eeprom; kivboard peek 1 0x50 0x0200'
  */

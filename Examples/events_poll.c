@@ -1,6 +1,6 @@
 /*
- * Events in an application's own poll() loop: a worker notifies of what its sensors see, and the main loop,
- * which could be polling sockets and terminals as well, reads the records from the events' descriptors.
+ * Events in an application's own poll() loop: a worker notifies of its sensors' values, and the main
+ * loop reads the records from the events' descriptors. It could poll sockets and terminals as well.
  *
  *     events_poll [CONFIGURATION]
  */
@@ -26,8 +26,7 @@ static int32_t watch_sensors(kiv_thread *worker, kiv_message *message)
     return 0;
 }
 
-/* A record is two numbers and the payload, which is there as soon as the numbers are: it is far below
- * PIPE_BUF. */
+/* A record is two numbers and the payload. It is far below PIPE_BUF, so the payload arrives with the numbers. */
 static int read_record(int fd, void *payload, uint32_t room)
 {
     uint32_t header[2];

@@ -1,5 +1,5 @@
 /*
- * The smallest useful application in C++: a register of a sensor, or why it cannot be read.
+ * The smallest useful application in C++: reads a register of a sensor, or tells why it cannot.
  *
  *     kivboard run -- read_sensor            # on a PC, against the virtual board
  *     read_sensor /etc/kiv/conf.xml          # on a board

@@ -1,7 +1,7 @@
 /*
  * A logger in C++: a worker reads a sensor every 20 milliseconds and notifies of each reading; the main
- * thread waits for readings and for the button on pin 17, which ends the program. When the sensor was read,
- * and when it was not to be read, is in a timing log.
+ * thread waits for readings and for the button on pin 17, which ends the program. A timing log
+ * shows each reading and each failure.
  *
  *     kivboard run -- sh -c \
  *         'sensor_logger & sleep 1; kivboard raise 17; wait; zol_timing /var/log/zol/sensor.csv'

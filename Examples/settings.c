@@ -1,6 +1,6 @@
 /*
- * What an application reads at its start: settings of the configuration, with a default for one that is
- * missing; a calibration, which is a token that holds XML; and a binary token. It needs no board.
+ * Reads settings of the configuration, with a default for a missing one, a calibration from a token that holds
+ * XML, and a binary token. It needs no board.
  *
  *     settings [CONFIGURATION]
  */
@@ -12,7 +12,7 @@ static void show_settings(void)
 {
     char name[32] = "unnamed";
     char node[64] = "";
-    int32_t baud = 115200; /* kept where the file has none */
+    int32_t baud = 115200; /* the default: a missing key leaves it as it is */
     kiv_config_get_param("general", "", "configName", name, sizeof name);
     kiv_config_get_param("general", "", "i2c_bus_4_dev", node, sizeof node);
     int32_t found = kiv_config_get_param_int("general", "", "baud", &baud);

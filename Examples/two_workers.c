@@ -1,6 +1,6 @@
 /*
- * Two workers and their messages, with every step in a timing log: the first worker prepares what it is sent
- * and passes it on to the second, waiting until that one has finished; meanwhile more is sent.
+ * Two workers and their messages, with every step in a timing log: the first worker prepares a message,
+ * passes it to the second, and waits until that one has finished. Meanwhile more messages arrive.
  *
  *     kivboard run -- sh -c 'two_workers && zol_timing /var/log/zol/two_workers.csv'
  */
@@ -70,7 +70,7 @@ int main(int argc, char **argv)
         failed |= send_to(&preparer, 0);
         kiv_thread_sleep(i < 3 ? 7000 : 1500);
     }
-    kiv_thread_stop(&preparer); /* after what it has still to do */
+    kiv_thread_stop(&preparer); /* after the messages that it has already */
     kiv_thread_stop(&finisher);
     kiv_thread_delete(&preparer);
     kiv_thread_delete(&finisher);

@@ -1,77 +1,89 @@
 #!/bin/sh
-# Installs a build, makes applications against it outside of the tree, and runs them: C11 and C++20, with pkg-config
-# and with the CMake package, shared and static.
-# usage: applications.sh BUILD_DIRECTORY
+# Installs a build and follows the README outside of the tree: runs its lines for C and C++, with pkg-config and with CMake,
+# shared and static, exactly as they are printed. Runs each application, on the installed virtual board if that can run.
+# usage: applications.sh BUILD_DIRECTORY SOURCE_DIRECTORY
 set -eu
 
-build=$1
-here=$(cd "$(dirname "$0")" && pwd)
+build=$1 source=$2
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-prefix=$scratch/prefix
+export HOME="$scratch"
+mkdir "$HOME/build"
+ln -s "$build" "$HOME/build/release"
+ln -s "$source/Examples" "$HOME/Examples"
+cd "$HOME"
+sed -n '/^## Install and link/,/^### /p' "$source/README.md" > section
 
 quietly() {
-    "$@" > "$scratch/log" 2>&1 || {
-        cat "$scratch/log"
+    "$@" > log 2>&1 || {
+        cat log
         echo "failed: $*"
         exit 1
     }
 }
 
-# check APPLICATION KIND: it runs, and loads the library if it is a shared one only.
+# follow PATTERN: runs the matching commands of the section. Those with pkg-config need the exported variables.
+follow() {
+    sed -n 's/^    //p' "$scratch/section" | grep -E "$1" > "$scratch/commands" || {
+        echo "the README shows no line like '$1'"
+        exit 1
+    }
+    quietly sh -eu "$scratch/commands"
+}
+
+# check APPLICATION KIND: checks its kind of linking and its output, then removes it.
 check() {
     if readelf -d "$1" | grep -q 'NEEDED.*libzol\.so\.0'; then linked=shared; else linked=static; fi
     [ $linked = "$2" ] || { echo "$1 is linked $linked"; exit 1; }
-    quietly env LD_LIBRARY_PATH="$libdir" "$1" "$prefix/share/zol/kiv_test.xml"
-    echo "$(basename "$1"), $2: $(tail -n 1 "$scratch/log")"
-}
-
-flags() {
-    PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config "$@" --cflags --libs libzol
-}
-
-# by_pkg_config NAME COMPILER...: the whole application static, or only the library, as a C compiler links no C++
-# library behind those that it is told.
-by_pkg_config() {
-    name=$1
-    shift
-    set -- "$@" -Wall -Wextra -Wpedantic -Werror "$here/application.c" -x none
-    # shellcheck disable=SC2046 # flags are words
-    quietly "$@" -o "$scratch/$name-shared" $(flags)
-    check "$scratch/$name-shared" shared
-    if [ "$name" = c++ ]; then
-        # shellcheck disable=SC2046
-        quietly "$@" -static -o "$scratch/$name-static" $(flags --static)
+    status=0
+    LD_LIBRARY_PATH=$HOME/zol/lib $board "$1" "$HOME/zol/share/zol/kiv_test.xml" > log 2>&1 || status=$?
+    if [ -n "$board" ]; then
+        grep -q 'the sensor says that it is a 0x33' log
     else
-        # shellcheck disable=SC2046
-        quietly "$@" -o "$scratch/$name-static" $(flags --static | sed 's/-lzol/-l:libzol.a/')
-    fi
-    check "$scratch/$name-static" static
+        [ $status -eq 1 ] # there is no sensor
+    fi || { cat log; echo "$1, $2: ended with $status"; exit 1; }
+    echo "$1, $2: built and run"
+    rm "$1"
 }
 
-# by_cmake_package LANGUAGE
-by_cmake_package() {
-    quietly cmake -S "$here" -B "$scratch/$1" -DLANGUAGE="$1" -DCMAKE_PREFIX_PATH="$prefix"
-    quietly cmake --build "$scratch/$1"
-    check "$scratch/$1/with_shared" shared
-    check "$scratch/$1/with_static" static
+# by_cmake LANGUAGE SOURCE TARGET GENERATOR: the recipe of the README, with the changes that its text names.
+by_cmake() {
+    rm -rf project
+    mkdir project
+    cp "Examples/$2" project
+    # shellcheck disable=SC2016 # the ticks are the README's
+    sed -n '/^```cmake$/,/^```$/p' section | sed '1d; $d' |
+        sed "s/(application CXX)/(application $1)/; s/read_sensor.cpp/$2/; s/zol::zol)/$3)/" > project/CMakeLists.txt
+    (cd project && CMAKE_GENERATOR=$4 && export CMAKE_GENERATOR && follow '^cmake -B')
+    mv project/build/application "application-of-$1-by-$(echo "$4" | tr ' ' -)"
 }
 
-quietly cmake --install "$build" --prefix "$prefix"
-libdir=$(dirname "$(find "$prefix" -name libzol.so)")
-by_pkg_config c "${CC:-cc}" -std=c11
-by_pkg_config c++ "${CXX:-c++}" -std=c++20 -x c++
-quietly "$prefix/bin/kivtest.exe" -c "$prefix/share/zol/kiv_test.xml" -t kiv_tokens
-grep -q 'name(accel)' "$scratch/log"
-if [ -e "$prefix/bin/kivboard" ] && "$prefix/bin/kivboard" check 2> /dev/null; then # with the board that is installed
-    (cd "$scratch" && quietly "$prefix/bin/kivboard" run -- "$prefix/bin/kivtest.exe" \
-        -c "$prefix/share/zol/kiv_test.xml" -t read_i2c)
-    grep -q '==> 0x33' "$scratch/log"
-fi
+follow '^cmake --install'
+board=
+! "$HOME/zol/bin/kivboard" check 2> /dev/null || board="$HOME/zol/bin/kivboard run --"
+for kind in shared static; do
+    case $kind in
+    shared) follow '^export|^(cc|c\+\+) .*pkg-config --cflags' ;;
+    static) follow '^export|^c\+\+ .* -static ' ;;
+    esac
+    check ./read_register $kind
+    check ./read_sensor $kind
+done
 
-# The CMake package goes where its tree goes.
-mv "$prefix" "$scratch/moved"
-prefix=$scratch/moved
-libdir=$(dirname "$(find "$prefix" -name libzol.so)")
-by_cmake_package C
-by_cmake_package CXX
+# The CMake package still works when the installed tree is moved.
+mkdir elsewhere
+mv zol elsewhere
+export HOME="$scratch/elsewhere"
+board=${board:+"$HOME/zol/bin/kivboard run --"}
+by_cmake C read_register.c zol::zol "Unix Makefiles"
+check ./application-of-C-by-Unix-Makefiles shared
+by_cmake C read_register.c zol::zol_static Ninja
+check ./application-of-C-by-Ninja static
+by_cmake CXX read_sensor.cpp zol::zol_static "Unix Makefiles"
+check ./application-of-CXX-by-Unix-Makefiles static
+by_cmake CXX read_sensor.cpp zol::zol Ninja
+check ./application-of-CXX-by-Ninja shared
+
+# An older C++ standard is refused with one error.
+! c++ -std=c++17 -fsyntax-only -I"$HOME/zol/include" -include zol/zol.hpp -x c++ /dev/null 2> log || exit 1
+[ "$(grep -c ': error:' log)" -eq 1 ] && grep -q 'needs C++20' log

@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Asks the completions for some words. usage: completion.sh COMPLETION_DIRECTORY
+# Checks the completions of some words. usage: completion.sh COMPLETION_DIRECTORY
 set -u
 
 completions=$(realpath "$1")
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 cd "$scratch" || exit 1
-touch conf.xml log.csv log.txt
+touch conf.xml lamp.play log.csv log.txt
 for command in kivtest.exe kivboard zol_timing; do
     # shellcheck source=/dev/null
     source "$completions/$command"
 done
 failed=0
 
-# completes EXPECTED WORD...: the last word completes to these, in any order.
+# completes EXPECTED WORD...: the last word completes to the expected ones, in any order.
 completes() {
     local expected=$1 got
     shift
@@ -36,13 +36,15 @@ completes 'gpio' kivtest.exe -h g
 completes 'conf.xml' kivtest.exe -c c
 completes '' kivtest.exe -r ''
 completes '--mem --mem_sz' kivtest.exe -s 1 -m cpubench --m
-completes '--size' kivtest.exe -m biostress -t 4 --s     # -t is the module's here
+completes '--size' kivtest.exe -m biostress -t 4 --s     # -t is an option of the module here
 completes '' kivtest.exe -m kiv_tokens -
-completes 'peek poke' kivboard p
+completes 'peek play poke' kivboard p
 completes '--board' kivboard run --bo
 completes 'conf.xml' kivboard run --conf c
 completes 'irq irqconfig irqmask irqrequest' kivboard fail 17 i
 completes 'poll' kivboard mend --socket s 17 irq p
+completes 'lamp.play' kivboard play l
+completes 'is requested' kivboard wait pin 5 ''
 completes '--socket' kivboard peek --s
 completes 'log.csv' zol_timing lo
 completes '--svg' zol_timing log.csv --s

@@ -1,9 +1,11 @@
 #!/bin/sh
-# In a bare Debian, beside the packages: installs them, uses them as their users do, and purges them. It is the system
-# that the packages must leave as it was. Says what it found in lines that begin with "check:".
+# Runs in a bare Debian as a user with sudo: installs the packages, uses them like a user, and purges them. Afterwards the
+# system must be as it was before. Lines that begin with "check:" tell the results.
+# usage: in_root.sh PACKAGE_DIRECTORY
 set -eu
-cd "$(dirname "$0")"
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C
+packages=$(cd "$1" && pwd)
+cd "$(mktemp -d)"
 
 fail() {
     echo "check: FAILED: $*"
@@ -16,44 +18,57 @@ quietly() {
 }
 
 apt() {
-    quietly apt-get -y -q --no-install-recommends "$@"
+    echo "+ apt-get $*"
+    # shellcheck disable=SC2024 # the log belongs to the user
+    sudo apt-get -y -q -o Acquire::Retries=3 --no-install-recommends "$@" > log 2>&1 || {
+        cat log
+        ! grep -q 'Failed to fetch' log || exit 75 # a fault of the mirror
+        fail "apt-get $*"
+    }
 }
 
-# What is ours, wherever it is; an administrator's file is not.
+# All files with our names, except this tree and the files of the administrator.
 ours() {
-    find / -xdev \( -path "$PWD" -o -path /proc -o -path /sys -o -path /etc/kiv -o -path /var/lib/dpkg \) -prune -o \
-        \( -name '*zol*' -o -name '*kiv*' \) -print
+    sudo find / -xdev \( -path "$HOME" -o -path /tmp -o -path /proc -o -path /sys -o -path /etc/kiv \
+        -o -path /var/lib/dpkg -o -path /var/cache/apt \) -prune -o \( -name '*zol*' -o -name '*kiv*' \) -print
 }
 
-mkdir /etc/kiv
-printf '<mine/>\n' > /etc/kiv/conf.xml
+sudo mkdir /etc/kiv
+echo '<mine/>' | sudo tee /etc/kiv/conf.xml > /dev/null
 [ -z "$(ours)" ] || fail "there before: $(ours)"
 apt update
-apt install gcc libc6-dev pkgconf
-apt install ./libzol0_*.deb ./kivtest_*.deb ./kivboard_*.deb
-apt install ./libzol-dev_*.deb
-[ "$(cat /etc/kiv/conf.xml)" = '<mine/>' ] || fail "the administrator's configuration was touched"
-echo "check: $(dpkg-query -W -f '${Package} ${Version}, ' libzol0 libzol-dev kivtest kivboard)installed"
-
-# shellcheck disable=SC2046 # flags are words
-quietly gcc -std=c11 -Wall -Wextra -Werror application.c -o application $(pkg-config --cflags --libs libzol)
-quietly ./application /usr/share/zol/kiv_test.xml
-echo "check: an application says: $(tail -n 1 log)"
-quietly kivtest.exe -c /usr/share/zol/kiv_test.xml -t kiv_tokens
+apt install "$packages"/libzol0_*.deb "$packages"/kivtest_*.deb "$packages"/kivboard_*.deb
+quietly kivboard run -- kivtest.exe -t read_i2c -b 4 -d 0x18 -r 0x0f
+grep -q '==> 0x33' log || { cat log; fail "kivtest.exe does not read the virtual board's sensor"; }
+quietly kivboard run -- kivtest.exe -t kiv_tokens
 grep -q 'name(accel)' log || fail "kivtest.exe does not read the tokens"
-cp /usr/share/doc/libzol0/examples/conf.xml /etc/kiv/conf.xml
+echo "check: $(dpkg-query -W -f '${Package} ' libzol0 kivtest kivboard)suffice for the tool on the virtual board"
+
+apt install g++ pkgconf "$packages"/libzol-dev_*.deb
+examples=/usr/share/doc/libzol-dev/examples
+[ -e $examples/button_lamp.c ] || fail "the examples are not there"
+for linking in "" -static; do
+    # shellcheck disable=SC2046,SC2086 # flags are words
+    quietly c++ -std=c++20 -Wall -Wextra -Werror $examples/read_sensor.cpp -o sensor $linking \
+        $(pkg-config ${linking:+-}$linking --cflags --libs libzol)
+    quietly kivboard run -- ./sensor /etc/kiv/conf.xml
+    grep -q 'says that it is a 0x33' log || fail "the application does not read the sensor"
+done
+echo "check: applications are built with libzol-dev, shared and static, and run"
+
+[ "$(cat /etc/kiv/conf.xml)" = '<mine/>' ] || fail "the administrator's configuration was touched"
+sudo cp /usr/share/doc/libzol0/examples/conf.xml /etc/kiv/conf.xml
 quietly kivtest.exe -t kiv_i2c
-quietly kivboard --version
 quietly zol_timing --version
 quietly bash -c '. /usr/share/bash-completion/completions/kivtest.exe; complete -p kivtest.exe'
 for page in man1/kivtest.exe.1 man3/libzol.3 man3/kiv_i2c_open.3 man5/kiv_conf.5; do
     quietly gzip -t "/usr/share/man/$page.gz"
 done
-echo "check: kivtest.exe, kivboard and zol_timing run"
+echo "check: the example for a board, the completions and the manual are there"
 
-quietly dpkg --purge libzol-dev kivtest kivboard libzol0
+quietly sudo dpkg --purge libzol-dev kivtest kivboard libzol0
 [ -z "$(ours)" ] || fail "left behind: $(ours)"
-! ldconfig -p | grep libzol || fail "the loader still knows libzol"
+! /sbin/ldconfig -p | grep libzol || fail "the loader still knows libzol"
 ! dpkg-query -W -f '${Package}\n' | grep -E 'zol|kiv' || fail "dpkg still knows the packages"
 [ -e /etc/kiv/conf.xml ] || fail "the administrator's configuration was removed"
 echo "check: purged without a trace"

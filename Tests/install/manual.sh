@@ -1,6 +1,6 @@
 #!/bin/sh
-# Formats every manual page, which must not warn, and compares the pages of kivtest.exe and kivboard, and
-# their completions, with the options, modules and commands that the tools have.
+# Checks that every manual page formats without a warning. Checks that the pages and the completions of kivtest.exe and
+# kivboard know all options, modules and commands of the tools.
 # usage: manual.sh BUILD_DIRECTORY SOURCE_DIRECTORY KIVTEST_EXE
 set -eu
 
@@ -21,15 +21,15 @@ pages=0
 for page in "$man"/man?/*; do
     (cd "$man" && groff -s -t -man -ww -z -Tutf8 "$page") > "$scratch/warnings" 2>&1
     [ ! -s "$scratch/warnings" ] || complain "$(cat "$scratch/warnings")"
-    ! grep -n '@[a-zA-Z_]*@\|@[a-z]' "$page" || complain "$page: marks that nobody replaced"
+    ! grep -n '@[a-zA-Z_]*@\|@[a-z]' "$page" || complain "$page: unreplaced marks"
     pages=$((pages + 1))
 done
-# The declarations of every public function are in some page.
+# Each public function is declared in a page.
 for name in $(cat "$source"/Include/zol/*.h | grep -v '^ *#' | tr '\n' ' ' | grep -o 'KIV_API [^;(]*(' | sed 's/($//; s/.*[ *]//'); do
     grep -q "[ *]$name(" "$man"/man3/*.3 || complain "$name is in no page of section 3"
 done
 
-# The options of a source file's getopt tables, "-l" and "--long", one a line.
+# options_of SOURCE: the options in the getopt tables of a source file, "-l" and "--long", one a line.
 options_of() {
     sed -n "s/^ *{\"\([a-zA-Z0-9_]*\)\", [a-z]*_argument, nullptr, '\(.\)'},$/-\2\n--\1/p" "$source/Src/$1"
 }
@@ -38,12 +38,12 @@ plain() {
     sed 's/\\f.//g; s/\\-/-/g' "$man/man1/$1"
 }
 
-# section HEADING: a section of kivtest.exe(1), as plain text.
+# section HEADING: a section of kivtest.exe(1) as plain text.
 section() {
     plain kivtest.exe.1 | awk -v heading="$1" '/^\.S[HS]/ { here = $0 ~ heading "$" } here'
 }
 
-# completed COMMAND WORD...: what the completion offers for the last word.
+# completed COMMAND WORD...: the words that the completion offers for the last word.
 completed() {
     bash -c 'source "$1/Tools/completion/$2"; shift
         COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); $(complete -p "$1" | sed "s/.*-F \([^ ]*\) .*/\1/")
@@ -62,25 +62,25 @@ same_options() {
     done
 }
 
-same_options kiv_test/kiv_test_main.cpp OPTIONS
+same_options kiv_test/command_line.cpp OPTIONS
 same_options tests/kiv_test_gpio/kiv_test_gpio.cpp gpio -m gpio
 same_options tests/kiv_test_biostress/kiv_test_biostress.cpp biostress -m biostress
 same_options tests/kiv_test_events/kiv_test_events.cpp events -m events
 same_options tests/zol_test_cpu_bench/zol_test_cpu_bench.cpp cpubench -m cpubench
 
-# The tests and modules of the tool's own list.
+# The tests and modules that the tool lists.
 "$kivtest" -h | sed -n 's/^ \{11\}\([a-z0-9_]*\) *- .*/\1/p' > "$scratch/listed"
 grep -qx gpio "$scratch/listed" || complain "cannot read the tool's list"
 completed kivtest.exe -t '' > "$scratch/completed"
 while read -r name; do
     section "(TESTS|$name)" | grep -qE "^\.(B|SS) $name$" || complain "kivtest.exe(1) lacks $name"
-    [ "$name" = kiv_config ] || # which is listed, but is none
+    [ "$name" = kiv_config ] || # listed, but there is no such test
         grep -qx "$name" "$scratch/completed" || complain "the completion lacks $name"
 done < "$scratch/listed"
 
 # The commands of kivboard, and the options of its "run".
 {
-    sed -n 's/^    {"\([a-z]*\)", [0-9].*/\1/p' "$source/Board/requests.h"
+    sed -n 's/^    {"\([a-z]*\)", [0-9].*/\1/p' "$source/Board/requests.cpp"
     sed -n '/run_option_table/,/;/p' "$source/Board/main.cpp" | grep -o '"--[a-z]*"' | tr -d '"'
 } > "$scratch/commands"
 grep -qx raise "$scratch/commands" || complain "cannot read kivboard's commands"

@@ -1,4 +1,4 @@
-// Waiting for what another thread is to do.
+// Waits until other threads have done their work.
 #pragma once
 
 #include <chrono>
@@ -7,11 +7,11 @@
 namespace zol_test
 {
 
-/// @return Whether something has become true within half a minute.
+/// @return True when the condition has become true within the limit.
 template <typename Condition>
-bool eventually(Condition holds)
+bool eventually(Condition holds, std::chrono::seconds limit = std::chrono::seconds(30))
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto end = std::chrono::steady_clock::now() + limit;
     while (!holds()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;

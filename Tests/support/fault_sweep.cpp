@@ -1,11 +1,16 @@
 #include "support/fault_sweep.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <thread>
+
+#include "support/eventually.h"
 
 namespace zol_test
 {
@@ -21,6 +26,8 @@ struct fault_state {
 
 fault_state g_faults;
 std::atomic<long> g_allocations{0};
+std::atomic<const char *> g_awaited_call{nullptr};
+std::function<void()> g_after_call;
 
 struct resources {
     long descriptors = entries_of("/proc/self/fd");
@@ -31,14 +38,12 @@ struct resources {
 // before.
 bool are_back_to(const resources &before)
 {
-    for (int tries = 0; tries < 1000; ++tries) {
-        const resources now;
-        if (now.descriptors == before.descriptors && now.threads <= before.threads) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+    return eventually(
+        [&before] {
+            const resources now;
+            return now.descriptors == before.descriptors && now.threads <= before.threads;
+        },
+        std::chrono::seconds(1));
 }
 
 std::string run_with_failure(int nth, const std::function<std::string()> &scenario)
@@ -62,7 +67,7 @@ std::string failed_call()
     return g_faults.failed_call.load();
 }
 
-bool call_fails(const char *call) noexcept
+bool call_fails(const char *call, int error) noexcept
 {
     const char *const only = g_faults.only;
     if (!g_faults.armed || (only != nullptr && std::strcmp(call, only) != 0) ||
@@ -70,13 +75,28 @@ bool call_fails(const char *call) noexcept
         return false;
     }
     g_faults.failed_call = call;
+    errno = error;
     return true;
 }
 
-bool allocation_fails(const char *call) noexcept
+void count_allocation() noexcept
 {
     ++g_allocations;
-    return call_fails(call);
+}
+
+void after_next(const char *call, std::function<void()> function)
+{
+    g_after_call = std::move(function);
+    g_awaited_call = call;
+}
+
+void call_returned(const char *call)
+{
+    const char *awaited = g_awaited_call;
+    if (awaited != nullptr && std::strcmp(awaited, call) == 0 &&
+        g_awaited_call.compare_exchange_strong(awaited, nullptr)) {
+        g_after_call();
+    }
 }
 
 long allocations() noexcept
@@ -109,6 +129,15 @@ sweep_result sweep_faults(const std::function<std::string()> &scenario, const ch
     }
     result.complaints += "the scenario does not come to an end\n";
     return result;
+}
+
+int handled_failures(const std::function<bool()> &went_as_documented)
+{
+    const sweep_result result = sweep_faults([&went_as_documented]() -> std::string {
+        return went_as_documented() ? "" : "a wrong status, or unreported";
+    });
+    EXPECT_EQ(result.complaints, "");
+    return result.failures;
 }
 
 } // namespace zol_test

@@ -11,7 +11,7 @@ namespace zol_test
 {
 
 struct sweep_result {
-    int failures = 0;       // how many runs had a call fail
+    int failures = 0;       // the runs in which a call failed
     std::string complaints; // a line per run that left something behind or that the scenario complained of
 };
 
@@ -21,14 +21,25 @@ struct sweep_result {
 /// @param only      Counts and fails no other call than this one.
 sweep_result sweep_faults(const std::function<std::string()> &scenario, const char *only = nullptr);
 
+/// Sweeps a scenario that tells whether it went as documented. The test fails if a run did not.
+/// @return The number of runs in which a call failed.
+int handled_failures(const std::function<bool()> &went_as_documented);
+
 /// The name of the call that was made to fail in this run; "" when none was.
 std::string failed_call();
 
-/// For the wrappers: whether this call is the one to fail.
-bool call_fails(const char *call) noexcept;
-bool allocation_fails(const char *call) noexcept;
+/// For the wrappers. @return True, and errno set, for the call that must fail.
+bool call_fails(const char *call, int error) noexcept;
+void count_allocation() noexcept;
 
-/// How many blocks of memory the library has asked for so far.
+/// Calls a function once, after the next call of this kind and before the library goes on.
+/// @param call  "write", or "read" for one that has found nothing.
+void after_next(const char *call, std::function<void()> function);
+
+/// For the wrappers.
+void call_returned(const char *call);
+
+/// Counts the allocations so far.
 long allocations() noexcept;
 
 /// The entries of a directory, such as /proc/self/fd.

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <sstream>
 
 namespace zol_test
 {
@@ -30,7 +32,17 @@ bool parse_line(std::string text, log_line &line)
     return true;
 }
 
-// Only what is captured: other streams may be stalled, and flushing them would wait.
+// A line bears the name of a public function or of a routine whose name is fixed, never that of a helper. The tests
+// themselves log too.
+bool is_known_routine(const std::string &name)
+{
+    constexpr const char *beginnings[] = {"kiv_", "zol_", "spi_",     "_",         "test_",
+                                          "main", "stoi", "TestBody", "operator()"};
+    return std::any_of(std::begin(beginnings), std::end(beginnings),
+                       [&name](const char *each) { return name.starts_with(each); });
+}
+
+// Flushes no other stream: one may be stalled, and the flush would wait.
 void flush()
 {
     std::fflush(stdout);
@@ -39,77 +51,58 @@ void flush()
 
 } // namespace
 
-std::vector<log_line> parse_log(std::string_view output)
+std::vector<log_line> parse_log(const std::string &output)
 {
     std::vector<log_line> lines;
-    while (!output.empty()) {
-        const std::size_t end = std::min(output.find('\n'), output.size());
-        if (log_line line; parse_line(std::string(output.substr(0, end)), line)) {
+    std::istringstream texts(output);
+    for (std::string text; std::getline(texts, text);) {
+        if (log_line line; parse_line(text, line)) {
             lines.push_back(line);
         }
-        output.remove_prefix(std::min(end + 1, output.size()));
     }
     return lines;
 }
 
-log_capture::redirection log_capture::redirect(int target)
+log_capture::redirection::redirection(int stream)
 {
-    redirection stream{target, kiv::unique_fd(dup(target)), kiv::unique_fd(memfd_create("log", MFD_CLOEXEC))};
-    dup2(stream.file.get(), target);
-    return stream;
+    flush();
+    saved.reset(dup(stream));
+    file.reset(memfd_create("log", MFD_CLOEXEC));
+    dup2(file.get(), stream);
 }
 
-void log_capture::restore(const redirection &stream)
-{
-    dup2(stream.saved.get(), stream.target);
-}
-
-std::string log_capture::contents(const redirection &stream)
+std::string log_capture::redirection::contents() const
 {
     flush();
     std::string text;
-    char block[4096];
+    char block[4096]; // opens nothing: a test may have used up the descriptors
     for (ssize_t got = 0;
-         (got = pread(stream.file.get(), block, sizeof block, static_cast<off_t>(text.size()))) > 0;) {
+         (got = pread(file.get(), block, sizeof block, static_cast<off_t>(text.size()))) > 0;) {
         text.append(block, static_cast<std::size_t>(got));
     }
     return text;
 }
 
-log_capture::log_capture()
-{
-    flush();
-    out_ = redirect(STDOUT_FILENO);
-    err_ = redirect(STDERR_FILENO);
-}
-
 log_capture::~log_capture()
 {
     const std::string captured = out();
-    restore(out_);
-    restore(err_);
+    dup2(out_.saved.get(), STDOUT_FILENO);
+    dup2(err_.saved.get(), STDERR_FILENO);
+    for (const log_line &line : parse_log(captured)) {
+        EXPECT_TRUE(is_known_routine(line.function)) << line.function << " is no public name: " << line.text;
+    }
     if (testing::Test::HasFailure()) { // the report of the failure was captured too
         std::fputs(captured.c_str(), stdout);
     }
 }
 
-std::string log_capture::out()
-{
-    return contents(out_);
-}
-
-std::string log_capture::err()
-{
-    return contents(err_);
-}
-
-std::size_t log_capture::count(std::string_view level, std::string_view text)
+std::size_t log_capture::count(std::string_view level, std::string_view text) const
 {
     const std::vector<std::string> lines = texts(level);
     return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), text));
 }
 
-std::vector<std::string> log_capture::texts(std::string_view level)
+std::vector<std::string> log_capture::texts(std::string_view level) const
 {
     std::vector<std::string> texts;
     for (const log_line &line : parse_log(out())) {

@@ -9,6 +9,7 @@
 #include <semaphore.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -19,30 +20,32 @@
 #include <ctime>
 #include <new>
 
-#include "support/fake_chooser.h"
+#include "support/fake_chips.h"
 #include "support/fake_gpio.h"
 #include "support/fake_host.h"
 #include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 
-using zol_test::allocation_fails;
 using zol_test::call_fails;
+using zol_test::fake_chips;
 using zol_test::fake_gpio;
+using zol_test::fake_host;
 
-// Declares the real call, and defines the wrapper of a call that fails with a result and an errno.
-#define WRAPPED(type, name, parameters, arguments, failure, error)                                           \
-    WRAPPED_IF(call_fails, type, name, parameters, arguments, failure, error)
-#define WRAPPED_IF(fails, type, name, parameters, arguments, failure, error)                                 \
+// Declares the real call and its wrapper, whose body follows.
+#define WRAPPER(type, name, parameters)                                                                      \
     type __real_##name parameters;                                                                           \
     type __wrap_##name parameters;                                                                           \
-    type __wrap_##name parameters                                                                            \
+    type __wrap_##name parameters
+
+// A call that fails, when it is to, with a result and an errno.
+#define WRAPPED(type, name, parameters, failure, error, otherwise)                                           \
+    WRAPPER(type, name, parameters)                                                                          \
     {                                                                                                        \
-        if (fails(#name)) {                                                                                  \
-            errno = error;                                                                                   \
-            return failure;                                                                                  \
-        }                                                                                                    \
-        return __real_##name arguments;                                                                      \
+        return call_fails(#name, error) ? failure : otherwise;                                               \
     }
+#define REAL(name) __real_##name
+#define ALLOCATOR(name, parameters, arguments)                                                               \
+    WRAPPED(void *, name, parameters, nullptr, ENOMEM, (zol_test::count_allocation(), REAL(name) arguments))
 
 // Operator new that returns null: its mangled name depends on the width of size_t. Where that is 32 bits, the
 // build asks for 64-bit file offsets, with which these calls have other names.
@@ -66,13 +69,18 @@ using zol_test::fake_gpio;
 #    define __wrap_lseek      __wrap_lseek64
 #    define __wrap___open_2   __wrap___open64_2
 #endif
-#define ALLOCATOR(name, parameters, arguments)                                                               \
-    WRAPPED_IF(allocation_fails, void *, name, parameters, arguments, nullptr, ENOMEM)
 
 namespace
 {
+
 std::atomic<bool> g_read_failed{false};
+
+fake_gpio *pins()
+{
+    return fake_gpio::installed();
 }
+
+} // namespace
 
 extern "C" {
 
@@ -81,176 +89,163 @@ ALLOCATOR(calloc, (std::size_t count, std::size_t size), (count, size))
 ALLOCATOR(NOTHROW_NEW, (std::size_t size, const std::nothrow_t &tag), (size, tag))
 ALLOCATOR(NOTHROW_NEW_ARRAY, (std::size_t size, const std::nothrow_t &tag), (size, tag))
 WRAPPED(GThread *, g_thread_try_new, (const char *name, GThreadFunc run, gpointer data, GError **error),
-        (name, run, data, error), nullptr, EAGAIN)
+        nullptr, EAGAIN, __real_g_thread_try_new(name, run, data, error))
 WRAPPED(int, pthread_barrier_init,
-        (pthread_barrier_t * barrier, const pthread_barrierattr_t *attributes, unsigned count),
-        (barrier, attributes, count), ENOMEM, 0)
-WRAPPED(FILE *, fopen, (const char *path, const char *mode), (zol_test::fake_host::path(path).c_str(), mode),
-        nullptr, EMFILE)
-WRAPPED(int, mkdir, (const char *path, mode_t mode), (zol_test::fake_host::path(path).c_str(), mode), -1,
-        EACCES)
-WRAPPED(int, pipe2, (int (&fds)[2], int flags), (fds, flags), -1, EMFILE)
-WRAPPED(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), -1, ENOMEM)
-WRAPPED(int, sem_init, (sem_t * semaphore, int shared, unsigned value), (semaphore, shared, value), -1,
-        ENOSPC)
-WRAPPED(int, pthread_attr_init, (pthread_attr_t * attributes), (attributes), ENOMEM, 0)
+        (pthread_barrier_t * barrier, const pthread_barrierattr_t *attributes, unsigned count), ENOMEM, 0,
+        __real_pthread_barrier_init(barrier, attributes, count))
+WRAPPED(int, pthread_attr_init, (pthread_attr_t * attributes), ENOMEM, 0,
+        __real_pthread_attr_init(attributes))
 WRAPPED(int, pthread_create,
-        (pthread_t * thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument),
-        (thread, attributes, body, argument), EAGAIN, 0)
-WRAPPED(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
-WRAPPED(FILE *, popen, (const char *command, const char *mode),
-        (zol_test::fake_chooser::instead_of(command), mode), nullptr, EMFILE)
-WRAPPED(int, fseek, (FILE * file, long offset, int whence), (file, offset, whence), -1, EIO)
-WRAPPED(long, ftell, (FILE * file), (file), -1, EIO)
-WRAPPED(int, stat, (const char *path, struct stat *status), (zol_test::fake_host::path(path).c_str(), status),
-        -1, EACCES)
-WRAPPED(int, fstat, (int fd, struct stat *status), (fd, status), -1, EIO)
-WRAPPED(int, clock_gettime, (clockid_t clock, timespec *ts), (clock, ts), -1, EINVAL)
-WRAPPED(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attributes),
-        (mutex, attributes), EAGAIN, 0)
-WRAPPED(xmlDoc *, xmlReadFile, (const char *path, const char *encoding, int options),
-        (path, encoding, options), nullptr, ENOMEM)
+        (pthread_t * thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument), EAGAIN,
+        0, __real_pthread_create(thread, attributes, body, argument))
+WRAPPED(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attributes), EAGAIN, 0,
+        __real_pthread_mutex_init(mutex, attributes))
+WRAPPED(int, sem_init, (sem_t * semaphore, int shared, unsigned value), -1, ENOSPC,
+        __real_sem_init(semaphore, shared, value))
+WRAPPED(FILE *, fopen, (const char *path, const char *mode), nullptr, EMFILE,
+        __real_fopen(fake_host::path(path).c_str(), mode))
+WRAPPED(FILE *, fdopen, (int fd, const char *mode), nullptr, ENOMEM, __real_fdopen(fd, mode))
+WRAPPED(FILE *, popen, (const char *command, const char *mode), nullptr, EMFILE,
+        __real_popen(fake_host::command(command).c_str(), mode))
+WRAPPED(int, fseek, (FILE * file, long offset, int whence), -1, EIO, __real_fseek(file, offset, whence))
+WRAPPED(long, ftell, (FILE * file), -1, EIO, __real_ftell(file))
+WRAPPED(int, mkdir, (const char *path, mode_t mode), -1, EACCES,
+        __real_mkdir(fake_host::path(path).c_str(), mode))
+WRAPPED(int, stat, (const char *path, struct stat *status), -1, EACCES,
+        __real_stat(fake_host::path(path).c_str(), status))
+WRAPPED(int, fstat, (int fd, struct stat *status), -1, EIO, __real_fstat(fd, status))
+// A program that is started must not inherit a pipe.
+WRAPPED(int, pipe2, (int (&fds)[2], int flags), -1, EMFILE,
+        __real_pipe2(fds, (flags & O_CLOEXEC) != 0 ? flags : -1))
+WRAPPED(xmlDoc *, xmlReadFile, (const char *path, const char *encoding, int options), nullptr, ENOMEM,
+        __real_xmlReadFile(path, encoding, options))
 WRAPPED(xmlDoc *, xmlReadMemory,
-        (const char *buffer, int size, const char *url, const char *encoding, int options),
-        (buffer, size, url, encoding, options), nullptr, ENOMEM)
+        (const char *buffer, int size, const char *url, const char *encoding, int options), nullptr, ENOMEM,
+        __real_xmlReadMemory(buffer, size, url, encoding, options))
+WRAPPED(int, clock_gettime, (clockid_t clock, timespec *ts), -1, EINVAL,
+        fake_host::time(clock, *ts) ? 0 : __real_clock_gettime(clock, ts))
+WRAPPED(int, poll, (pollfd * fds, nfds_t count, int timeout), -1, ENOMEM,
+        pins() != nullptr ? pins()->poll(fds, count, timeout) : __real_poll(fds, count, timeout))
+// The library creates no file, so there is no mode to pass on.
+WRAPPED(int, open, (const char *path, int flags, ...), -1, EMFILE,
+        fake_gpio::has(path)              ? pins()->open(path, flags)
+        : fake_chips::of(path) != nullptr ? fake_chips::of(path)->open(path, flags)
+                                          : __real_open(path, flags))
+WRAPPED(ssize_t, write, (int fd, const void *data, std::size_t size), -1, EIO,
+        fake_gpio::of(fd) != nullptr
+            ? pins()->write(*fake_gpio::of(fd), static_cast<const char *>(data), size)
+            : __real_write(fd, data, size))
+WRAPPED(off_t, lseek, (int fd, off_t offset, int whence), -1, EIO,
+        fake_gpio::of(fd) != nullptr ? fake_gpio::seek(*fake_gpio::of(fd)) : __real_lseek(fd, offset, whence))
 
-int __real_gettimeofday(timeval *time, void *zone);
-int __wrap_gettimeofday(timeval *time, void *zone);
-int __wrap_gettimeofday(timeval *time, void *zone)
-{
-    return zol_test::fake_host::time(*time) ? 0 : __real_gettimeofday(time, zone);
-}
-
-void __real_g_usleep(gulong us);
-void __wrap_g_usleep(gulong us);
-void __wrap_g_usleep(gulong us)
-{
-    __real_g_usleep(zol_test::fake_host::sleep_time(us));
-}
-
-std::size_t __real_fread(void *data, std::size_t size, std::size_t count, FILE *file);
-std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file);
-std::size_t __wrap_fread(void *data, std::size_t size, std::size_t count, FILE *file)
-{
-    g_read_failed = call_fails("fread");
-    if (g_read_failed) {
-        errno = EIO;
-        return 0;
-    }
-    return __real_fread(data, size, count, file);
-}
-
-int __real_ferror(FILE *file);
-int __wrap_ferror(FILE *file);
-int __wrap_ferror(FILE *file)
-{
-    return g_read_failed.exchange(false) ? 1 : __real_ferror(file);
-}
-
-int __real_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags,
-                ...) // the library creates no file, so there is no mode to pass on
-{
-    if (call_fails("open")) {
-        errno = EMFILE;
-        return -1;
-    }
-    return fake_gpio::has(path) ? fake_gpio::installed()->open(path, flags) : __real_open(path, flags);
-}
-
-// What a hardened build makes of an open whose flags it does not know.
+// A hardened build calls this when the compiler does not know the flags.
 int __wrap___open_2(const char *path, int flags);
 int __wrap___open_2(const char *path, int flags)
 {
     return __wrap_open(path, flags);
 }
 
-// Only that of a pin's node can fail: the library closes others in places where nobody hears of it.
-int __real_close(int fd);
-int __wrap_close(int fd);
-int __wrap_close(int fd)
+WRAPPER(int, gettimeofday, (timeval * time, void *zone))
 {
-    if (fake_gpio::of(fd) == nullptr) {
-        return __real_close(fd);
+    timespec now = {};
+    const bool is_faked = fake_host::time(CLOCK_REALTIME, now);
+    *time = {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
+    return is_faked ? 0 : __real_gettimeofday(time, zone);
+}
+
+WRAPPER(void, g_usleep, (gulong us))
+{
+    __real_g_usleep(static_cast<gulong>(fake_host::sleep_time(us)));
+}
+
+WRAPPER(gpointer, g_async_queue_timeout_pop, (GAsyncQueue * queue, guint64 us))
+{
+    constexpr guint64 of_a_tool = 100'000; // a shorter limit is a matter of the library's own
+    return __real_g_async_queue_timeout_pop(queue, us < of_a_tool ? us : fake_host::sleep_time(us));
+}
+
+WRAPPER(std::size_t, fread, (void *data, std::size_t size, std::size_t count, FILE *file))
+{
+    g_read_failed = call_fails("fread", EIO);
+    return g_read_failed ? 0 : __real_fread(data, size, count, file);
+}
+
+WRAPPER(int, ferror, (FILE * file))
+{
+    return g_read_failed.exchange(false) ? 1 : __real_ferror(file);
+}
+
+// Fails for the node of a pin only: the library ignores the result elsewhere.
+WRAPPER(int, close, (int fd))
+{
+    const bool is_node = fake_gpio::of(fd) != nullptr;
+    if (is_node) {
+        fake_gpio::forget(fd); // before another thread can get the number
     }
-    fake_gpio::forget(fd); // before somebody else can have the number
-    const bool fails = call_fails("close");
     const int result = __real_close(fd);
-    errno = fails ? EIO : errno;
-    return fails ? -1 : result;
+    return is_node && call_fails("close", EIO) ? -1 : result;
 }
 
-ssize_t __real_read(int fd, void *data, std::size_t size);
-ssize_t __wrap_read(int fd, void *data, std::size_t size);
-ssize_t __wrap_read(int fd, void *data, std::size_t size)
+WRAPPER(ssize_t, read, (int fd, void *data, std::size_t size))
 {
-    if (call_fails("read")) {
-        errno = EIO;
+    if (call_fails("read", EIO)) {
         return -1;
     }
-    zol_test::fake_gpio_node *const node = fake_gpio::of(fd);
-    return node != nullptr ? fake_gpio::installed()->read(*node, fd, static_cast<char *>(data), size)
-                           : __real_read(fd, data, size);
+    if (fake_gpio::of(fd) != nullptr) {
+        return pins()->read(*fake_gpio::of(fd), fd, static_cast<char *>(data), size);
+    }
+    const ssize_t result = __real_read(fd, data, size);
+    if (result < 0 && errno == EAGAIN) {
+        zol_test::call_returned("read");
+        errno = EAGAIN;
+    }
+    return result;
 }
 
-ssize_t __real_write(int fd, const void *data, std::size_t size);
-ssize_t __wrap_write(int fd, const void *data, std::size_t size);
-ssize_t __wrap_write(int fd, const void *data, std::size_t size)
+// Only write() can fail among the system calls that have no function of their own.
+WRAPPER(long, syscall, (long number, ...))
 {
-    if (call_fails("write")) {
-        errno = EIO;
+    long given[6];
+    va_list arguments;
+    va_start(arguments, number);
+    for (long &argument : given) {
+        argument = va_arg(arguments, long);
+    }
+    va_end(arguments);
+    if (number == SYS_write && call_fails("write", EIO)) {
         return -1;
     }
-    zol_test::fake_gpio_node *const node = fake_gpio::of(fd);
-    return node != nullptr ? fake_gpio::installed()->write(*node, static_cast<const char *>(data), size)
-                           : __real_write(fd, data, size);
-}
-
-off_t __real_lseek(int fd, off_t offset, int whence);
-off_t __wrap_lseek(int fd, off_t offset, int whence);
-off_t __wrap_lseek(int fd, off_t offset, int whence)
-{
-    if (call_fails("lseek")) {
-        errno = EIO;
-        return -1;
+    const long result = __real_syscall(number, given[0], given[1], given[2], given[3], given[4], given[5]);
+    if (number == SYS_write && result >= 0) {
+        zol_test::call_returned("write");
     }
-    zol_test::fake_gpio_node *const node = fake_gpio::of(fd);
-    return node != nullptr ? fake_gpio::seek(*node) : __real_lseek(fd, offset, whence);
+    return result;
 }
 
-int __real_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, ...)
+WRAPPER(int, fcntl, (int fd, int command, ...))
 {
     va_list arguments;
     va_start(arguments, command);
     const long argument = va_arg(arguments, long); // numbers and addresses alike
     va_end(arguments);
-    if (call_fails("fcntl")) {
-        errno = EPERM;
-        return -1;
-    }
-    return __real_fcntl(fd, command, argument);
+    return call_fails("fcntl", EPERM) ? -1 : __real_fcntl(fd, command, argument);
 }
 
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...)
+WRAPPER(int, ioctl, (int fd, unsigned long request, ...))
 {
     va_list arguments;
     va_start(arguments, request);
     void *const argument = va_arg(arguments, void *);
     va_end(arguments);
-    if (call_fails("ioctl")) {
-        errno = EIO;
+    if (call_fails("ioctl", EIO)) {
         return -1;
     }
-    if (zol_test::fake_i2c *const bus = zol_test::fake_i2c::installed();
-        bus != nullptr && request == I2C_RDWR) {
-        return bus->transfer(*static_cast<const i2c_rdwr_ioctl_data *>(argument));
+    if (fake_chips *const chips = fake_chips::of(request); chips != nullptr) {
+        return chips->ioctl(fd, request, argument);
     }
-    return __real_ioctl(fd, request, argument);
+    zol_test::fake_i2c *const bus = request == I2C_RDWR ? zol_test::fake_i2c::installed() : nullptr;
+    return bus != nullptr ? bus->transfer(*static_cast<const i2c_rdwr_ioctl_data *>(argument))
+                          : __real_ioctl(fd, request, argument);
 }
 
 } // extern "C"

@@ -8,7 +8,7 @@ trap 'rm -rf "$scratch"' EXIT
 
 nm -D --defined-only "$1" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort -u > "$scratch/exported"
 
-# A declaration may run over several lines, so the headers are read as one; the name stands before "(", "[" or ";".
+# A declaration may have several lines, so the lines are joined. The name is the word before "(", "[" or ";".
 cat "$2"/*.h | grep -v '^ *#' | tr '\n' ' ' | grep -o 'KIV_API [^;([]*' |
     sed 's/ *$//; s/.*[ *]//' | sort -u > "$scratch/documented"
 

@@ -1,12 +1,12 @@
 #!/bin/sh
-# The example that the README shows is the one that is built and run.
+# Compares the example in the README with the source that is built and run.
 # usage: readme_example.sh README EXAMPLE
 set -eu
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# What the README shows in the language of the example.
+# The code block of the README in the language of the example.
 sed -n "/^\`\`\`${2##*.}\$/,/^\`\`\`\$/p" "$1" | sed '1d;$d' > "$scratch/shown"
 sed '1,/^ \*\/$/d' "$2" > "$scratch/built"
 [ -s "$scratch/built" ]

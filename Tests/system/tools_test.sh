@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# How the commands that a person types behave: help and version on standard output, a wrong usage on standard error,
-# an honest status when the output cannot be written, and no colour.
-# usage: tools_test.sh SOURCE_DIRECTORY ZOL_TIMING KIVBOARD
+# Checks the commands of this tree: help and version go to standard output, a wrong usage goes to standard error, the status
+# is not 0 when the output cannot be written, and nothing is coloured.
+# usage: tools_test.sh SOURCE_DIRECTORY ZOL_TIMING KIVBOARD KIVTEST
 # shellcheck disable=SC2317 # functions that are called by name
 set -u
 
-scripts=$1/Scripts timing=$2 board=$3
+scripts=$1/Scripts timing=$2 board=$3 kivtest=$4
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export TERM=xterm KIVBOARD_SOCKET=$scratch/socket
 failed=0 cases=0
 
-# expect STATUS STREAM COMMAND...: it ends so (a "+" is any failure) and writes to that standard stream ("out" or
-# "err") alone, without colour; to neither is "-", and "any" does not look.
+# expect STATUS STREAM COMMAND...: the command ends with the status ("+": any failure) and writes, without colour, only to the
+# standard stream "out" or "err" ("-": to neither, "any": unchecked).
 expect() {
     local wanted=$1 stream=$2 status=0 written=
     shift 2
@@ -34,7 +34,7 @@ full() { "$@" > /dev/full; }
 closed() { "$@" >&-; }
 
 for command in "$scripts"/*.sh "$timing" "$board"; do
-    [ "${command##*/}" != common.sh ] || continue # it is part of the others
+    [ "${command##*/}" != common.sh ] || continue # the others source it
     expect 0 out "$command" --help
     expect 0 out "$command" -h
     expect 2 err "$command" --no-such-option
@@ -63,6 +63,19 @@ if "$board" check 2> /dev/null; then
     expect 1 err conversation "'$board' poke 4 0x18 0x20 1; '$board' journal --follow > /dev/full"
     expect 1 err conversation "echo peek 4 0x18 0x0f | '$board' - > /dev/full"
     expect 2 err "$board" peek 4
+fi
+
+# The pipes of the library must not take the numbers of closed standard streams.
+mkfifo "$scratch/input"
+(cd "$scripts/.." && exec "$kivtest" -m gpio -i) < "$scratch/input" >&- 2>&- &
+exec 3> "$scratch/input"
+cases=$((cases + 1)) limit=$((SECONDS + 30))
+until { [ "/proc/$!/exe" -ef "$kivtest" ] && stream=$(readlink "/proc/$!/fd/2"); } || [ $SECONDS -ge $limit ]; do sleep 0.01; done
+exec 3>&-
+wait $!
+if [ "$stream" != /dev/null ]; then
+    echo "the closed standard error of kivtest.exe is '$stream'"
+    failed=1
 fi
 echo "$cases cases"
 exit $failed

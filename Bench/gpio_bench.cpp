@@ -21,6 +21,7 @@
 
 #include "common/unique_fd.h"
 #include "one_core.h"
+#include "real_sysfs.h"
 #include "started_library.h"
 #include "table.h"
 #include "zol/zol.h"
@@ -31,14 +32,14 @@ namespace
 constexpr int first_pin = 0;
 constexpr char no_board[] = "no pins; run on the virtual board with Bench/kiv_board.xml";
 
-// Allocated pins. The first is the last of the table, which is walked to the end to find it.
+// Allocated pins.
 class pins
 {
 public:
-    pins(benchmark::State &state, int count) : library_("/dev/null")
+    pins(benchmark::State &state, int first, int count) : library_("/dev/null"), first_(first)
     {
         for (count_ = 0; count_ < count; ++count_) {
-            if (!library_.is_started() || kiv_gpio_request(first_pin + count_, "bench") != KIV_OK) {
+            if (!library_.is_started() || kiv_gpio_request(first_ + count_, "bench") != KIV_OK) {
                 state.SkipWithError(no_board);
                 return;
             }
@@ -47,7 +48,7 @@ public:
     ~pins()
     {
         while (count_ > 0) {
-            kiv_gpio_free(first_pin + --count_);
+            kiv_gpio_free(first_ + --count_);
         }
     }
     pins(const pins &) = delete;
@@ -56,6 +57,7 @@ public:
 private:
     zol_bench::on_one_core pinned_; // which is the board's
     zol_bench::started_library library_;
+    int first_;
     int count_;
 };
 
@@ -80,13 +82,15 @@ int read_number(int fd)
     return static_cast<int>(std::strtol(text, nullptr, 10));
 }
 
+// The first one of the pins, which is the last of the table.
+template <int first>
 void get_ours(benchmark::State &state)
 {
-    const pins allocated(state, static_cast<int>(state.range(0)));
+    const pins allocated(state, first, static_cast<int>(state.range(0)));
     int value = 0;
     const unsigned long before = zol_bench::allocations();
     for (auto _ : state) {
-        benchmark::DoNotOptimize(kiv_gpio_get(first_pin, &value));
+        benchmark::DoNotOptimize(kiv_gpio_get(first, &value));
     }
     if (zol_bench::allocations() != before) {
         state.SkipWithError("reading a level allocates");
@@ -102,9 +106,19 @@ void get_bare(benchmark::State &state)
     }
 }
 
+// In a process with the same threads: the kernel's part is longer than in one with a single thread.
+void get_bare_real(benchmark::State &state)
+{
+    const pins allocated(state, zol_bench::first_real_pin, 1);
+    const kiv::unique_fd level(open(zol_bench::real_attribute, O_RDONLY | O_CLOEXEC));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(read_number(level.get()) != 0);
+    }
+}
+
 void set_ours(benchmark::State &state)
 {
-    const pins allocated(state, static_cast<int>(state.range(0)));
+    const pins allocated(state, first_pin, static_cast<int>(state.range(0)));
     const unsigned long before = zol_bench::allocations();
     for (auto _ : state) {
         benchmark::DoNotOptimize(kiv_gpio_set(first_pin, 1));
@@ -223,7 +237,7 @@ void interrupts(benchmark::State &state)
 class callback_receiver
 {
 public:
-    callback_receiver(benchmark::State &state, arrivals &arrived) : allocated_(state, 1)
+    callback_receiver(benchmark::State &state, arrivals &arrived) : allocated_(state, first_pin, 1)
     {
         kiv_gpio_register_callback(first_pin, KIV_GPIO_EDGE, KIV_GPIO_EDGE_RISING, 0, on_interrupt,
                                    reinterpret_cast<uintptr_t>(&arrived));
@@ -312,7 +326,7 @@ int ignore(int32_t, uintptr_t)
 void idle(benchmark::State &state)
 {
     constexpr int watched = 64;
-    const pins allocated(state, watched);
+    const pins allocated(state, first_pin, watched);
     for (int i = 0; i < watched; ++i) {
         kiv_gpio_register_callback(first_pin + i, KIV_GPIO_EDGE, KIV_GPIO_EDGE_RISING, 0, ignore, 0);
     }
@@ -337,8 +351,10 @@ void with_many_pins(benchmark::internal::Benchmark *benchmark)
     benchmark->Arg(1)->Arg(32)->Arg(256)->Repetitions(40)->Iterations(400);
 }
 
-BENCHMARK(get_ours)->Name("gpio/get/ours")->Apply(with_many_pins);
+BENCHMARK(get_ours<first_pin>)->Name("gpio/get/ours")->Apply(with_many_pins);
 BENCHMARK(get_bare)->Name("gpio/get/bare")->Apply(on_the_board);
+BENCHMARK(get_ours<zol_bench::first_real_pin>)->Name("gpio/sysfs/ours")->Arg(1)->Arg(16)->Arg(256);
+BENCHMARK(get_bare_real)->Name("gpio/sysfs/bare");
 BENCHMARK(set_ours)->Name("gpio/set/ours")->Apply(with_many_pins);
 BENCHMARK(set_bare)->Name("gpio/set/bare")->Apply(on_the_board);
 BENCHMARK(interrupts<callback_receiver>)->Name("gpio/interrupt/ours")->Arg(1)->Apply(on_the_board);
@@ -351,6 +367,11 @@ const bool added = zol_bench::add_rows({
     {"kiv_gpio_get, 1 pin : bare lseek and read", "gpio/get/ours/1", "gpio/get/bare", 1.1},
     {"kiv_gpio_get, 32 pins : bare lseek and read", "gpio/get/ours/32", "gpio/get/bare", 1.1},
     {"kiv_gpio_get, 256 pins : bare lseek and read", "gpio/get/ours/256", "gpio/get/bare", 1.1},
+    {"kiv_gpio_get, real sysfs, 1 pin : bare lseek and read", "gpio/sysfs/ours/1", "gpio/sysfs/bare", 1.05},
+    {"kiv_gpio_get, real sysfs, 16 pins : bare lseek and read", "gpio/sysfs/ours/16", "gpio/sysfs/bare",
+     1.05},
+    {"kiv_gpio_get, real sysfs, 256 pins : bare lseek and read", "gpio/sysfs/ours/256", "gpio/sysfs/bare",
+     1.05},
     {"kiv_gpio_set, 1 pin : bare write", "gpio/set/ours/1", "gpio/set/bare", 1.1},
     {"kiv_gpio_set, 32 pins : bare write", "gpio/set/ours/32", "gpio/set/bare", 1.1},
     {"kiv_gpio_set, 256 pins : bare write", "gpio/set/ours/256", "gpio/set/bare", 1.1},

@@ -63,7 +63,14 @@ private:
         for (const std::string &part : {run.run_name.args, run.run_name.threads}) {
             name += part.empty() ? "" : "/" + part;
         }
-        const double time = run.GetAdjustedRealTime();
+        note(name, run.GetAdjustedRealTime());
+        for (const auto &[counter, value] : run.counters) {
+            note(name + ":" + counter, value);
+        }
+    }
+
+    void note(const std::string &name, double time)
+    {
         const auto [found, is_new] = fastest_.emplace(name, time);
         found->second = is_new ? time : std::min(found->second, time);
     }

@@ -4,20 +4,22 @@
 
 #include <sched.h>
 
+#include <cstddef>
+
 namespace zol_bench
 {
 
-/// Keeps the calling thread, and those that it starts meanwhile, on the first core as long as it exists.
+/// Keeps the calling thread, and those that it starts meanwhile, on one core as long as it exists.
 class on_one_core
 {
 public:
-    on_one_core()
+    explicit on_one_core(int core = 0)
     {
-        cpu_set_t first;
-        CPU_ZERO(&first);
-        CPU_SET(0, &first);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(static_cast<std::size_t>(core), &one);
         sched_getaffinity(0, sizeof former_, &former_);
-        sched_setaffinity(0, sizeof first, &first);
+        sched_setaffinity(0, sizeof one, &one); // fails where there is no such core
     }
     ~on_one_core() { sched_setaffinity(0, sizeof former_, &former_); }
     on_one_core(const on_one_core &) = delete;

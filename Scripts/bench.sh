@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures the library beside the bare calls and beside its peers. See --help.
+# Measures the library, bare system calls and its peers. See --help.
 
 # shellcheck source=Scripts/common.sh
 source "$(dirname "$0")/common.sh"
@@ -10,20 +10,20 @@ usage() {
     cat << END
 usage: Scripts/bench.sh [BENCHMARK-OPTION...]
 
-Installs what is missing, builds, and measures everything in one run: times in ns of the
-library and of what it is compared with, and their ratio; then instructions, memory and size.
-A goal that is missed is shown as such; the exit status tells only whether all of it ran.
-Options go on to the benchmark program, for example --benchmark_filter=log.
+Installs missing packages, builds, and measures everything in one run: the times of the library and
+its peers in ns and their ratio, then instructions, memory and size. A goal that is missed is
+shown as such. The exit status is 0 when everything could be measured.
+Options are passed to the benchmark program, for example --benchmark_filter=log.
 END
 }
 
-# How many instructions the operation executes in all, COUNT times.
+# collected OPERATION COUNT: the instructions of a program that runs the operation COUNT times.
 collected() {
     valgrind --tool=callgrind --callgrind-out-file="$logs/callgrind.out" "$bin/zol_repeat" "$1" "$2" 2>&1 |
         sed -n 's/.*Collected : //p'
 }
 
-# Instructions of one execution.
+# instructions OPERATION: the instructions of one execution.
 instructions() {
     local few many
     few=$(collected "$1" 1000)
@@ -35,32 +35,26 @@ verdict() {
     if [ "$1" -le "$2" ]; then echo met; else echo "NOT MET"; fi
 }
 
-more_instructions() { # WHAT OURS BARE GOAL
+# more_instructions LABEL OURS BARE GOAL
+more_instructions() {
     local more=$(($(instructions "$2") - $(instructions "$3")))
     printf '%-58s %12d %28d  %s\n' "$1" "$more" "$4" "$(verdict "$more" "$4")"
 }
 
-case ${1:-} in
--h | --help)
-    usage
-    exit 0
-    ;;
-esac
+answer_help "$@"
 for option in "$@"; do
-    [[ $option == --benchmark_* ]] || {
-        usage >&2
-        exit 2
-    }
+    [[ $option == --benchmark_* ]] || wrong_usage
 done
 
 say "Measuring libzol: a minute or two"
-install_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev libpugixml-dev libasio-dev libuv1-dev libzmq3-dev valgrind binutils
+install_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev libpugixml-dev libasio-dev libuv1-dev \
+    libzmq3-dev valgrind binutils
 quietly "configuring" cmake --preset bench
 quietly "building" cmake --build --preset bench
 say ""
 
 if "$bin/kivboard" check; then
-    # The board stays on one core, where the benchmarks that use it join it; the others have all cores.
+    # The board stays on one core. The benchmarks that use it run on the same core, the others on all cores.
     taskset -c 0 "$bin/kivboard" run --board Bench/kiv_board.xml -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@"
 else
     "$bin/zol_bench" --benchmark_filter='-^(i2c|gpio)/' "$@"

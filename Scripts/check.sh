@@ -1,24 +1,26 @@
 #!/usr/bin/env bash
-# What can be said of the tree without its tests: format, static analysis, scripts, interface; and how much of it the
-# tests reach. See --help.
+# Checks the tree without its tests, and how much the tests cover. See --help.
 
 # shellcheck source=Scripts/common.sh
 source "$(dirname "$0")/common.sh"
 
-readonly all=(format shell cppcheck tidy abi coverage)
+readonly all=(format shell layers docs cppcheck tidy abi coverage instructions)
 readonly analysed=(Src Board Tools Examples) # by clang-tidy
-readonly tidy_time_limit=900                 # seconds; it takes a fraction of that
+readonly tidy_patience=600                   # seconds without a finished file
 readonly skipped_status=77
-# Lines and branches in per cent: what was measured (Docs/architecture.md), less 3; and so where no virtual board runs.
+# Lines and branches in per cent: the measured ones (Docs/architecture.md) minus 3, with and without a virtual board.
 readonly floors='93 83' floors_without_board='88 78'
 
 declare -rA packages=(
     [format]='git clang-format'
     [shell]='git shellcheck'
+    [layers]='python3'
+    [docs]='doxygen'
     [cppcheck]='cppcheck'
     [tidy]="${build_packages[*]} libgtest-dev clang clang-tidy git"
     [abi]="${build_packages[*]} libgtest-dev abigail-tools"
     [coverage]="${build_packages[*]} libgtest-dev groff-base gcovr"
+    [instructions]='qemu-user-static'
 )
 
 usage() {
@@ -26,28 +28,34 @@ usage() {
 usage: Scripts/check.sh [CHECK...]
        Scripts/check.sh --renew-abi
 
-Installs what is missing, and checks; without an argument, everything:
+Installs missing packages and runs these checks, by default all:
   format    clang-format agrees with the C and C++ sources
-  shell     shellcheck finds nothing in the scripts and completions
-  cppcheck  finds nothing but what .cppcheck lists, with the reasons
-  tidy      clang-tidy finds nothing; .clang-tidy tells what is left out, and why
+  shell     shellcheck finds no fault in the scripts and completions
+  layers    the #include lines of Src agree with the picture in Docs/architecture.md, and no
+            module includes a private header of another
+  docs      every public name has a comment, and no reference in the documents is broken
+  cppcheck  cppcheck finds no fault; .cppcheck lists the exceptions, with the reasons
+  tidy      clang-tidy finds no fault; .clang-tidy lists the exceptions, with the reasons
   abi       the shared library keeps the functions and the records of the reference in
-            Packaging/abi; what came on top is shown
+            Packaging/abi; additions are shown
   coverage  the tests reach at least ${floors/ / % of the lines of Src and } % of its branches
-            (where no virtual board can run, ${floors_without_board/ / % and } %)
-Every check says in one line how it ended; what it found, if it failed, goes before. Exit status
-0 when all passed, 75 when the package mirror could not deliver.
+            (without a virtual board ${floors_without_board/ / % and } %)
+  instructions
+            no operation takes more instructions on a 32-bit ARM board than Bench/instructions.txt
+            allows
+Each check ends with one line; the findings of a failed check are above it. Exit status: 0 when
+all passed, 75 when the package mirror did not deliver.
 
---renew-abi makes the library of this tree the new reference: at a release, and only then.
+--renew-abi makes the library of this tree the new reference. Use it only at a release.
 END
 }
 
-# The tracked files that a program is written in, by their endings.
+# sources ENDING...: the tracked files with these endings.
 sources() {
     git ls-files "${@/#/*.}"
 }
 
-# A check leaves in "told" what its verdict says besides.
+# A check sets this to a text for its last line.
 told=
 
 check_format() {
@@ -65,12 +73,26 @@ check_shell() {
     shellcheck -x "${scripts[@]}" && shellcheck -s bash "${completions[@]}"
 }
 
-# Logging macros are taken as functions: cppcheck cannot expand their __VA_OPT__. It cannot read the literals of
-# std::chrono either, which the examples in C++ use.
+check_layers() {
+    local report
+    report=$(Scripts/layers.py) || {
+        printf '%s\n' "$report"
+        return 1
+    }
+    told=$report
+}
+
+check_docs() {
+    Scripts/docs.sh || return
+    told="$(find build/docs/html -maxdepth 1 -name '*.html' | wc -l) pages"
+}
+
+# The -U options make cppcheck take logging macros as functions, because it cannot expand their __VA_OPT__. The examples in
+# C++ are left out, because it cannot read the literals of std::chrono.
 check_cppcheck() {
     cppcheck --quiet --error-exitcode=1 --enable=warning,style,performance,portability --std=c11 --std=c++20 \
-        -UKIV_LOG_AS -USTRESS_LOG -UBENCH_LOG -IInclude -ISrc -j "$(nproc)" --suppressions-list=.cppcheck \
-        --template='{file}:{line}: {severity}: {message} [{id}]' Src Board Tools Examples/*.c
+        -UKIV_LOG_AS -UKIV_LOG_AT -USTRESS_LOG -UBENCH_LOG -UBENCH_LOG_AT -IInclude -ISrc -j "$(nproc)" \
+        --suppressions-list=.cppcheck --template='{file}:{line}: {severity}: {message} [{id}]' Src Board Tools Examples/*.c
 }
 
 check_tidy() {
@@ -78,14 +100,15 @@ check_tidy() {
     mapfile -t files < <(git ls-files "${analysed[@]/%//*.c}" "${analysed[@]/%//*.cpp}")
     expected=${#files[@]} told="${#files[@]} files"
     cmake --preset clang -DCMAKE_COMPILE_WARNING_AS_ERROR=ON > "$log" || return
-    timeout "$tidy_time_limit" run-clang-tidy -quiet -j "$(nproc)" -p build/clang \
+    # shellcheck disable=SC2094 # it only reads the size of the log
+    while_it_progresses "$tidy_patience" "$log" run-clang-tidy -quiet -j "$(nproc)" -p build/clang \
         "^$PWD/($(IFS='|'; echo "${analysed[*]}"))/" > "$log" 2>&1 || {
         grep -v -e '^clang-tidy' -e 'warnings generated' "$log"
         return 1
     }
-    # It would be content with no file at all.
+    # run-clang-tidy also succeeds when it analyses no file.
     if [ "$expected" -eq 0 ] || [ "$(grep -c '^clang-tidy' "$log")" -ne "$expected" ]; then
-        echo "not $expected files were analysed, but those in $log"
+        echo "$expected files were to be analysed; these were: $log"
         return 1
     fi
 }
@@ -97,12 +120,12 @@ build_preset() {
     fi
 }
 
-# What the shared library offers, without what is private and where it was compiled.
+# The interface of the shared library, without private parts and places of compilation.
 interface_of() {
     abidw --headers-dir Include/zol --drop-private-types --drop-undefined-syms --exported-interfaces-only \
         --no-architecture --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed --no-parameter-names \
         --no-write-default-sizes --type-id-style hash "$1" |
-        sed "s# path='$PWD/# path='#" # a source file's, wherever the tree is
+        sed "s# path='$PWD/# path='#" # makes the paths of source files relative
 }
 
 # references ARCHITECTURE
@@ -122,14 +145,14 @@ check_abi() {
         return 1
     }
     build_preset release && interface_of build/release/lib/libzol.so > "$built" || return
-    # What an application was compiled against must be there; names that came on top are told, but no fault.
+    # Applications need all of the reference. Added names are shown and are no fault.
     abidiff --no-added-syms "$reference" "$built" > "$report" || {
         cat "$report"
         return 1
     }
     local more
     more=$(abidiff --added-fns --added-vars "$reference" "$built" | sed -n "s/^ *\[A\] *'\(.*\)'.*/\1/p" | paste -sd ';')
-    told="$(basename "$reference" .abi)${more:+, and on top of it: $more}"
+    told="$(basename "$reference" .abi)${more:+, added: $more}"
 }
 
 check_coverage() {
@@ -155,12 +178,21 @@ check_coverage() {
     return $status
 }
 
+check_instructions() {
+    local status=0
+    Scripts/arm.sh instructions || status=$?
+    told=Bench/instructions.txt
+    [ $status -eq "$exit_no_packages" ] || return $status
+    told="the package mirror does not deliver"
+    return $skipped_status
+}
+
 renew_abi() {
     local former version
     # shellcheck disable=SC2086 # packages are words
     install_packages ${packages[abi]}
     quietly "building release" build_preset release
-    version=$(sed -n 's/^project(zol VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+    version=$(version_of_tree)
     mkdir -p Packaging/abi
     former=$(references "$(dpkg --print-architecture)")
     interface_of build/release/lib/libzol.so > "$logs/interface.abi"
@@ -171,7 +203,7 @@ renew_abi() {
 
 passed=0 failed=0 skipped=0
 
-# run CHECK: with its findings on stderr, if it fails.
+# run CHECK: if the check fails, its findings go to stderr.
 run() {
     local findings=$logs/check-$1.log from=$SECONDS status=0
     # shellcheck disable=SC2086 # packages are words
@@ -189,28 +221,20 @@ run() {
         ;;
     *)
         cat "$findings" >&2
-        say "$1: FAILED${told:+, $told}; what was found is above and in $findings"
+        say "$1: FAILED${told:+, $told}; the findings are above and in $findings"
         failed=$((failed + 1))
         ;;
     esac
 }
 
-case ${1:-} in
--h | --help)
-    usage
-    exit 0
-    ;;
---renew-abi)
+answer_help "$@"
+if [ "${1:-}" = --renew-abi ]; then
     renew_abi
-    exit 0
-    ;;
-esac
+    exit
+fi
 [ $# -gt 0 ] || set -- "${all[@]}"
 for check in "$@"; do
-    [ -n "${packages[$check]:-}" ] || {
-        usage >&2
-        exit 2
-    }
+    [ -n "${packages[$check]:-}" ] || wrong_usage
 done
 mkdir -p "$logs"
 for check in "$@"; do

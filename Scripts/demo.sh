@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows the library at its main job, on the virtual board; installs what is missing and builds first. See --help.
+# Installs missing packages, builds, and shows the library on the virtual board. See --help.
 
 # shellcheck source=Scripts/common.sh
 source "$(dirname "$0")/common.sh"
@@ -10,11 +10,11 @@ usage() {
     cat << END
 usage: Scripts/demo.sh
 
-Installs what is missing, builds, and shows the library at its main job on the virtual board: a
-button raises an interrupt, which posts an event; a worker takes it, reads a sensor over I2C and
-switches a lamp, and all of it is drawn as a timing diagram. Then kivtest.exe writes and reads
-registers, and reads the prepared tokens. Exit status 0 when all of it was as it should be.
-Without FUSE the board's part is left out, with the reason.
+Installs missing packages, builds, and shows the library on the virtual board: a button raises an
+interrupt, which posts an event; a worker waits for the event, reads a sensor over I2C and switches
+a lamp; a timing diagram shows each step. Then kivtest.exe writes and reads registers, and reads
+the prepared tokens. Without FUSE the part on the board is skipped, with the reason.
+Exit status: 0 when every output was as expected.
 END
 }
 
@@ -22,7 +22,7 @@ show() {
     printf '\n$ %s\n' "$*"
 }
 
-# kivtest ARGUMENT...: runs the tool and shows what a user looks for, the results; its log is kept.
+# kivtest ARGUMENT...: runs the tool and shows its results without the log, which is kept in a file.
 kivtest() {
     show kivtest.exe "$@"
     "$bin/kivtest.exe" "$@" > "$logs/kivtest.log" 2>&1
@@ -46,17 +46,17 @@ write_and_read() {
     expect "$5" "$logs/peek.log"
 }
 
-# Presses the button once the application has asked for its interrupts; until then the board drops them.
+# Presses the button until the application has requested its interrupts. The board drops earlier ones.
 press_the_button() {
-    local deadline=$((SECONDS + 10))
+    local deadline=$((SECONDS + 60))
     until [ -z "$("$bin/kivboard" raise 17)" ]; do
-        [ $SECONDS -lt $deadline ] || fail "nobody asks for the interrupts of pin 17; see $logs/button_lamp.log"
+        [ $SECONDS -lt $deadline ] || fail "the application does not request the interrupts of pin 17; see $logs/button_lamp.log"
         sleep 0.05
     done
     (sleep 0.002; say "raise 17"; sleep 0.002; say "raise 17") | "$bin/kivboard" -
 }
 
-# The log lies in the board's /var/log/zol, which goes with the board.
+# The timing log is in the board's /var/log/zol, which disappears with the board.
 from_a_button_to_a_lamp() {
     show "button_lamp &    # and three times: kivboard raise 17"
     "$bin/button_lamp" > "$logs/button_lamp.log" 2>&1 &
@@ -82,21 +82,12 @@ without_the_board() {
     expect "Read ACCELCAL token name(accel)" "$logs/kivtest.log"
 }
 
-case ${1:-} in
-"") ;;
---on-the-board) # how this script calls itself on the board
+if [ "${1:-}" = --on-the-board ]; then # the call of this script below
     on_the_board
-    exit 0
-    ;;
--h | --help)
-    usage
-    exit 0
-    ;;
-*)
-    usage >&2
-    exit 2
-    ;;
-esac
+    exit
+fi
+answer_help "$@"
+[ $# -eq 0 ] || wrong_usage
 
 say "libzol on the virtual board: from an interrupt to an output, registers over I2C, tokens"
 install_packages "${build_packages[@]}"

@@ -12,12 +12,12 @@ usage: Scripts/docs.sh
 
 Installs Doxygen if it is missing, and makes a site of the README, the documents, the examples
 and every public name of the headers: $site/index.html. A public name without a comment and
-a reference that leads nowhere are errors. Exit status 0 when the site is complete, 1 when it is
-not, 75 when the package mirror could not deliver.
+a broken reference are errors. Exit status: 0 when the site is complete, 1 when it is not, 75 when
+the package mirror did not deliver.
 END
 }
 
-# describe_examples: a page for each example, the comment at its head above its code.
+# Makes a page for each example: its first comment, then its code.
 describe_examples() {
     local example name
     mkdir build/docs/examples
@@ -33,20 +33,11 @@ make_site() {
     rm -rf build/docs
     mkdir -p build/docs
     describe_examples
-    ZOL_VERSION=$(sed -n 's/^project(zol VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt) doxygen Docs/Doxyfile
+    ZOL_VERSION=$(version_of_tree) doxygen Docs/Doxyfile
 }
 
-case ${1:-} in
-"") ;;
--h | --help)
-    usage
-    exit 0
-    ;;
-*)
-    usage >&2
-    exit 2
-    ;;
-esac
+answer_help "$@"
+[ $# -eq 0 ] || wrong_usage
 
 say "The reference of libzol as a site"
 install_packages doxygen

@@ -5,62 +5,40 @@
 source "$(dirname "$0")/common.sh"
 
 native=$(dpkg --print-architecture)
-# What is known and not a fault: there is no public mail address of the developers.
+# Not faults: the developers have no public mail address.
 readonly known_tags=bogus-mail-host,bogus-mail-host-in-debian-changelog
-readonly libraries=(libc6 libgcc-s1 libstdc++6 libglib2.0-0 libxml2 libfuse3-3) # that the packages depend on
+# Our packages depend on these.
+readonly libraries=(libc6 libgcc-s1 libstdc++6 libglib2.0-0 libxml2 libfuse3-3)
 
 usage() {
     cat << END
 usage: Scripts/package.sh [PRESET [CMAKE-OPTION...]]
 
-Installs what is missing, builds the packages libzol0, libzol-dev, kivtest and kivboard for the
-architecture of a preset (release: this machine's; armhf: a 32-bit ARM board's, for which
-Scripts/arm.sh build has been run before), and checks them:
-lintian finds no error; and in a bare Debian of their own they are installed, used (a program is
-compiled and run, kivtest.exe is run), and purged without a trace. The latter is left out, and
-said so, for packages of an architecture that this machine is not.
-The packages are left in build/packages. Exit status 0 when all is well, 75 when the package
-mirror could not deliver.
+Installs missing packages, then builds the packages libzol0, libzol-dev, kivtest and kivboard in
+build/packages, for the architecture of a preset:
+  release  this machine
+  armhf    a 32-bit ARM board; run "Scripts/arm.sh build" first
+Then it checks them with lintian, and in a bare Debian (see Scripts/bare_root.sh): they are
+installed, used (kivtest.exe runs on the virtual board, examples are compiled and run), and purged
+without a trace. The script skips the bare Debian, and says so, for packages of another
+architecture and where no such system can be made.
+Exit status: 0 on success, 75 when the package mirror did not deliver.
 END
 }
 
-make_root() {
-    local arch=$1 labels=$2
-    shift 2
-    package_sources "$arch" "$labels" > "$logs/sources"
-    [ -s "$logs/sources" ] || { # apt knows the labels once it has the lists
-        as_root apt-get -qq update && package_sources "$arch" "$labels" > "$logs/sources"
-    }
-    as_root mmdebstrap --architectures="$arch" --aptopt='Acquire::Retries "3"' --format=null "$@" \
-        "$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)" - - < "$logs/sources"
+# The packages of the libraries as files, without a root file system.
+fetch_libraries() {
+    bootstrap - --architectures="$arch" --variant=extract --include="$(IFS=,; echo "${libraries[*]}")" \
+        --format=null --extract-hook="cp \"\$1\"/var/cache/apt/archives/*.deb '$1'"
 }
 
-# in_root ARCHITECTURE LABEL-PATTERN MMDEBSTRAP-OPTION...: makes a root file system and drops it; what counts are the
-# hooks. Tried again where the mirror is at fault.
-in_root() {
-    local log=$logs/root-$1.log attempt
-    for attempt in 1 2 3; do
-        if make_root "$@" > "$log" 2>&1; then
-            return 0
-        fi
-        if ! grep -qE 'Failed to fetch|Could not resolve|Unable to connect|Temporary failure' "$log"; then
-            grep -a '^check:' "$log" >&2 || tail -n 20 "$log" >&2
-            fail "see $log"
-        fi
-        sleep $((attempt * 5))
-    done
-    say "the package mirror did not deliver a bare Debian of $1; see $log" >&2
-    exit $exit_no_packages
-}
-
-# A database of the target's packages, from which dpkg-shlibdeps takes what our packages depend on.
+# A database of the target's packages. dpkg-shlibdeps finds the dependencies of our packages in it.
 prepare_target() {
-    local arch=$1 target=$PWD/build/target/packages-$1
+    local target=$PWD/build/target/packages-$arch
     [ ! -e "$target/database/status" ] || return 0
-    say "- fetching the libraries of $arch"
     mkdir -p "$target"
-    in_root "$arch" Debian --variant=extract --include="$(IFS=,; echo "${libraries[*]}")" \
-        --extract-hook="cp \"\$1\"/var/cache/apt/archives/*.deb '$target'"
+    prepare_bootstrap "$arch" Debian
+    from_mirror "fetching the libraries of $arch" fetch_libraries "$target"
     quietly "reading the libraries of $arch" make_database "$target"
 }
 
@@ -68,7 +46,7 @@ make_database() {
     local target=$1 package name
     mkdir -p "$target/root/usr/lib" "$target/database/info"
     ln -sfn usr/lib "$target/root/lib"
-    echo 1 > "$target/database/info/format" # its files are named with the architecture
+    echo 1 > "$target/database/info/format" # 1: file names contain the architecture
     : > "$target/database/status.new"
     for package in "$target"/*.deb; do
         name=$(dpkg-deb -f "$package" Package):$(dpkg-deb -f "$package" Architecture)
@@ -95,7 +73,7 @@ configure() {
         -DZOL_BUILD_TESTS=OFF -DZOL_BUILD_EXAMPLES=OFF "$@"
 }
 
-# For another architecture, with a database of its packages instead of this machine's.
+# Another architecture needs the database of its packages instead of this machine's.
 pack() {
     if [ "$arch" != "$native" ]; then
         export DPKG_ADMINDIR=$PWD/build/target/packages-$arch/database DEB_HOST_ARCH=$arch
@@ -104,7 +82,7 @@ pack() {
     cpack --config "$build/CPackConfig.cmake" -B build/packages
 }
 
-# Every package but the library's own depends on what it links; none may have been forgotten.
+# The packages depend on the libraries that they link.
 check_dependencies() {
     dpkg-deb -f "build/packages/libzol0_${version}_$arch.deb" Depends | grep -q 'libglib2.0-0.*libxml2' &&
         dpkg-deb -f "build/packages/kivtest_${version}_$arch.deb" Depends | grep -q 'libzol0.*libc6' &&
@@ -116,27 +94,20 @@ check_with_lintian() {
 }
 
 use_in_root() {
-    local packages=$build/in-root
-    rm -rf "$packages"
-    mkdir "$packages"
-    cp build/packages/*_"$arch".deb Tests/install/application.c Tests/install/in_root.sh "$packages"
+    local log=$logs/in-root.log status=0
     say "- installing, using and purging them in a bare Debian"
-    # shellcheck disable=SC2016 # $1 is the root, for the hook's shell
-    in_root "$arch" 'Debian[^|]*' --variant=minbase --customize-hook="copy-in '$packages' /" \
-        --customize-hook='chroot "$1" sh /in-root/in_root.sh'
-    grep -a '^check:' "$logs/root-$arch.log" | sed 's/^check:/  /'
+    Scripts/bare_root.sh sh Tests/install/in_root.sh build/packages > "$log" 2>&1 || status=$?
+    sed -n 's/^check:/  /p' "$log"
+    case $status in
+    0) ;;
+    "$exit_no_root") say "  skipped: no bare Debian can be made on this machine" ;;
+    "$exit_no_packages") tail -n 1 "$log" >&2 && exit $status ;;
+    *) tail -n 20 "$log" >&2 && fail "see $log" ;;
+    esac
 }
 
-case ${1:-} in
--h | --help)
-    usage
-    exit 0
-    ;;
--*)
-    usage >&2
-    exit 2
-    ;;
-esac
+answer_help "$@"
+[[ ${1:-} != -* ]] || wrong_usage
 readonly preset=${1:-release}
 [ $# -eq 0 ] || shift
 check_preset "$preset"
@@ -149,7 +120,7 @@ arch=$(architecture_of "$build")
 arch=${arch:-$native}
 version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
 if [ "$arch" != "$native" ]; then
-    prepare_target "$arch"
+    prepare_target
     triplet=$(dpkg-architecture -f -a "$arch" -q DEB_HOST_MULTIARCH 2> /dev/null)
     quietly "configuring for $arch" cmake -B "$build" -DCMAKE_INSTALL_LIBDIR="lib/$triplet" \
         -DZOL_TARGET_LIBRARIES="$PWD/build/target/packages-$arch/root/usr/lib/$triplet"
@@ -161,7 +132,7 @@ quietly "checking with lintian" check_with_lintian
 if [ "$arch" = "$native" ]; then
     use_in_root
 else
-    say "- not installed: this machine is $native, no $arch"
+    say "- not installed: this machine is $native, not $arch"
 fi
 ls build/packages/*_"$arch".deb
 say "packages for $arch: passed"

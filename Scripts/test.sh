@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the tree and runs all of its tests; installs what is missing first. See --help.
+# Installs missing packages, builds the tree and runs all of its tests. See --help.
 
 # shellcheck source=Scripts/common.sh
 source "$(dirname "$0")/common.sh"
@@ -10,22 +10,22 @@ usage() {
     cat << END
 usage: Scripts/test.sh [PRESET...]
 
-Installs what is missing, builds, and runs all tests, once per preset:
-  release  what is shipped: optimised and hardened
+Installs missing packages, builds, and runs all tests, once per preset:
+  release  the build that is shipped: optimised and hardened
   asan     under AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer
   tsan     under ThreadSanitizer
-  debug, clang  other builds of the same
-  fuzz     the fuzz targets, half a minute each (needs clang)
+  debug    without optimisation
+  clang    with clang
+  fuzz     the fuzz targets, half a minute each
   armhf    for a 32-bit ARM board, in user-mode emulation
-Without a preset: ${default_presets[*]}. Tests on the virtual board are skipped, with the
-reason, where there is no FUSE. Exit status 0 when no test failed, 75 when the package mirror
-could not deliver.
+The default is ${default_presets[*]}. Without FUSE the tests on the virtual board are skipped,
+with the reason. Exit status: 0 when no test failed, 75 when the package mirror did not deliver.
 END
 }
 
 passed=0 failed=0 skipped=0
 
-# The attribute of the test run in a JUnit report.
+# count ATTRIBUTE REPORT: the attribute of the test run in a JUnit report.
 count() {
     sed -n "s/.*\\b$1=\"\\([0-9]*\\)\".*/\\1/p; /<testcase/q" "$2" | head -n 1
 }
@@ -47,7 +47,7 @@ build_preset() {
 run_tests() {
     local preset=$1 report="$PWD/$logs/test-$1.xml" log="$logs/test-$1.log"
     rm -f "$report"
-    in_progress "testing $preset" to_file "$log" ctest --preset "$preset" --output-junit "$report" || true
+    in_progress "testing $preset" "$log" ctest --preset "$preset" --output-junit "$report" || true
     [ -s "$report" ] || { cat "$log" >&2; fail "the tests of $preset did not run"; }
     if [ "$(count failures "$report")" -gt 0 ]; then
         cat "$log"
@@ -59,23 +59,15 @@ run_tests() {
     passed=$((passed + total - failures - skips)) failed=$((failed + failures)) skipped=$((skipped + skips))
 }
 
-case ${1:-} in
--h | --help)
-    usage
-    exit 0
-    ;;
--*)
-    usage >&2
-    exit 2
-    ;;
-esac
+answer_help "$@"
+[[ ${1:-} != -* ]] || wrong_usage
 [ $# -gt 0 ] || set -- "${default_presets[@]}"
 for preset in "$@"; do
     check_preset "$preset"
 done
 
 say "Building libzol and running all of its tests: $*"
-install_packages "${build_packages[@]}" libgtest-dev groff-base
+install_packages "${build_packages[@]}" libgtest-dev groff-base make i2c-tools python3-smbus2
 for preset in "$@"; do
     build_preset "$preset"
     run_tests "$preset"

@@ -3,9 +3,8 @@
 
 usage: from_headers.py [--version VERSION] DIRECTORY HEADER...
 
-Writes one page per header into DIRECTORY, and for every function a page that leads to it. What it knows of the
-comments is what the headers use: @file, @brief, @code, @name, @{, @}, @p, @param, @retval, @return, tables,
-**bold** and `names`.
+Writes one page per header into DIRECTORY, and for every function a page that leads to it. It knows the marks that the
+headers use: @file, @brief, @code, @name, @{, @}, @p, @param, @retval, @return, tables, **bold** and `names`.
 """
 
 import argparse
@@ -14,9 +13,9 @@ import re
 import sys
 from dataclasses import dataclass, field
 
-OVERVIEW = "zol"  # the header whose page is libzol(3) and leads to all others
+OVERVIEW = "zol"  # its page is libzol(3), which lists all others
 LEFT_OUT = {"kiv_export"}  # nothing in it is for applications
-SHARED_NAMES = re.compile(r"(kiv|zol|spi)_")  # functions of other names get no page of their own: they may be others'
+SHARED_NAMES = re.compile(r"(kiv|zol|spi)_")  # other names get no page of their own: they may belong to other packages
 
 
 @dataclass
@@ -77,12 +76,12 @@ def tokens(source):
 
 
 def tidy(kind, text):
-    """A declaration as an application's author wants to see it."""
+    """A declaration without the marks of the library's build."""
     text = text.replace("/**<", "/*").strip()
     if kind == "define":
         macro = re.match(r"#\s*define\s+(\w+\([^)]*\))", text)
         return macro[1] if macro else re.sub(r"#\s*define\s+(\w+)\s+", r"#define \1 ", text)
-    if text.startswith("KIV_API "):  # what follows in the next lines moves with it
+    if text.startswith("KIV_API "):  # the next lines are indented less by as much
         text = text.removeprefix("KIV_API ").replace("\n" + " " * len("KIV_API "), "\n")
     text = text.replace("KIV_API ", "")
     return re.sub(r"\s*KIV_(PRINTF|SCANF)_LIKE\([^)]*\)", "", text)
@@ -128,7 +127,7 @@ def read_header(path):
 # Writing pages.
 
 def literal(text):
-    """Text as it stands."""
+    """Text without formatting."""
     text = text.replace("\\", "\\e").replace("-", "\\-")
     return re.sub(r"^(?=[.'])", r"\\&", text, flags=re.M)
 
@@ -153,7 +152,7 @@ def table(lines):
     rows = [rows[0]] + rows[2:]  # the second is the rule under the titles
     columns = len(rows[0])
     widest = max(range(columns), key=lambda column: max(len(row[column]) for row in rows))
-    formats = ["lx" if column == widest else "l" for column in range(columns)]  # the widest takes what room there is
+    formats = ["lx" if column == widest else "l" for column in range(columns)]  # the widest takes the rest of the line
     out = [".TS", " ".join(["lb"] * columns), " ".join(formats) + "."]
     out += ["\t".join(f"T{{\n{prose(cell)}\nT}}" for cell in row) for row in rows]
     return "\n".join(out + [".TE", ""])

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Draws console.svg: commands on the virtual board, and what a terminal shows of them.
+"""Draws console.svg: commands on the virtual board and their output in a terminal.
 
 usage: console.py DIRECTORY_OF_PROGRAMS > Docs/pictures/console.svg
 """
@@ -12,7 +12,7 @@ import sys
 
 COMMANDS = [
     "kivtest.exe -t read_i2c -b 4 -d 0x18 -r 0x0f",
-    "kivtest.exe -t read_i2c -b 4 -d 0x55 -r 0x0f",  # where no device answers
+    "kivtest.exe -t read_i2c -b 4 -d 0x55 -r 0x0f",  # no device answers
     "kivboard journal",
 ]
 COLOURS = {"": "#d7dde3", "31": "#ff6b6b", "32": "#6fce8a", "1": "#ffffff"}
@@ -20,7 +20,7 @@ LINE, CHARACTER, MARGIN, TAB = 17, 7.25, 14, 8
 
 
 def record(programs):
-    """What a terminal gets to see, as text with escape sequences."""
+    """The output in a terminal, as text with escape sequences."""
     os.environ["PATH"] = os.path.abspath(programs) + os.pathsep + os.environ["PATH"]
     script = "; ".join(f"printf '\\033[1m$ %s\\033[0m\\n' '{command}'; {command}" for command in COMMANDS)
     child, terminal = pty.fork()

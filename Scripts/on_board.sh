@@ -142,7 +142,15 @@ show_line() {
     gpioinfo "$1" | grep "line *$2:"
 }
 
+# The keys hold some lines. The kernel asks for the keys' interrupts while it loads the chips' driver. If a chip has no
+# interrupts yet at that moment, the kernel gives up the keys until they are bound by hand.
+bind_keys() {
+    driver=/sys/bus/platform/drivers/gpio-keys
+    [ -e $driver/gpio-keys ] || echo gpio-keys > $driver/bind
+}
+
 run_line_steps() {
+    bind_keys
     configure_lines 209c000.gpio 20a0000.gpio 20a4000.gpio /dev/gpiochip3 20ac000.gpio 20b0000.gpio 20b4000.gpio
     step "lines: output, by gpioinfo"   '"test"  output  active-high [used]' \
         use_pins 'alloc 40\nset 40 1\n' '"test"  output' gpioinfo 20a0000.gpio

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Measures how many faults the tests detect: puts random one-line faults into the sources, one at a time.
 
-Each fault ("mutant") is built in a copy of the tree, and the whole suite runs on it. A mutant that no test detects points
-to a gap; a mutant that many tests detect points to overlap.
+Each fault ("mutant") is built in a copy of the tree, and the suite runs on it: first the tests that detected earlier mutants
+of the same folder, then all others. A mutant that no test detects points to a gap; a mutant that many tests detect points
+to overlap.
 """
 
 import argparse
@@ -115,18 +116,27 @@ def builds(preset):
     return run(["cmake", "--build", "--preset", preset]).returncode == 0
 
 
-def failing_tests(preset, jobs, only_first):
-    """The names of the tests that fail. A hanging test fails by its time limit."""
+def failing_tests(options, only_first, chosen=None):
+    """The names of the tests that fail, of all or of the chosen ones. A hanging test fails by its time limit."""
     report = COPY / "report.xml"
     report.unlink(missing_ok=True)
-    command = ["ctest", "--preset", preset, "-j", str(jobs), "-E", LEFT_OUT, "--timeout", "60",
+    command = ["ctest", "--preset", options.preset, "-j", str(options.jobs), "-E", LEFT_OUT, "--timeout", "60",
                "--output-junit", str(report)]
+    if chosen:
+        command += ["-R", "^(" + "|".join(map(re.escape, chosen)) + ")$"]
     run(command + (["--stop-on-failure"] if only_first else []))
     cases = xml.parse(report).getroot().iter("testcase")
     return [case.get("name") for case in cases if case.get("status") == "fail"]
 
 
-def detecting_tests(mutant, options):
+def noticed_by_tests(likely, options):
+    """The tests that fail: all of them, or the first one, for which the likely tests are run before the others."""
+    if options.all:
+        return failing_tests(options, False)
+    return (likely and failing_tests(options, True, likely)) or failing_tests(options, True)
+
+
+def detecting_tests(mutant, likely, options):
     """The tests that detect a mutant, or None when it does not compile."""
     target = COPY / "tree" / mutant.path
     original = target.read_text()
@@ -136,7 +146,7 @@ def detecting_tests(mutant, options):
     try:
         if not builds(options.preset):
             return None
-        return failing_tests(options.preset, options.jobs, not options.all)
+        return noticed_by_tests(likely, options)
     finally:
         target.write_text(original)
 
@@ -167,15 +177,18 @@ def main():
     random.Random(seed).shuffle(candidates)
     print(f"mutants: {options.count} of {len(candidates)} candidates in {' '.join(options.places)}, seed {seed}")
     prepare(options.preset)
-    if broken := failing_tests(options.preset, options.jobs, False):
+    if broken := failing_tests(options, False):
         sys.exit(f"mutants: tests fail without any fault: {', '.join(broken)}")
     tried = killed = 0
     noticed_by = collections.Counter()
+    killers = collections.defaultdict(list)  # of each folder, in the order of their first mutant
     while tried < options.count and candidates:
         mutant = candidates.pop()
-        noticed = detecting_tests(mutant, options)
+        likely = killers[os.path.dirname(mutant.path)]
+        noticed = detecting_tests(mutant, likely, options)
         if noticed is None:
             continue
+        likely.extend(name for name in noticed if name not in likely)
         tried += 1
         killed += bool(noticed)
         noticed_by.update(noticed)

@@ -34,6 +34,7 @@ constexpr int bus_path_size = sizeof(i2c_bus::dev);
 i2c_bus g_buses[KIV_I2C_MAX_BUSES];
 int32_t g_i2c_buses_num;
 
+// Handles are records of the caller, so their numbers are checked before they are used as an index.
 bool is_in_table(int32_t bus) noexcept
 {
     return bus >= 0 && bus < KIV_I2C_MAX_BUSES;
@@ -45,6 +46,7 @@ bool is_logged(const kiv_i2c_handle &handle) noexcept
     return handle.fd > 0 && is_in_table(handle.bus) && g_buses[handle.bus].debug != 0;
 }
 
+// Both keys are optional: what they do not say stays as it is set before.
 void set_up_bus(int32_t index)
 {
     i2c_bus &bus = g_buses[index];
@@ -143,7 +145,7 @@ int32_t read_register(const kiv_i2c_handle *handle, register_address address, un
         {handle->deviceAddress, I2C_M_RD, length, out},
     };
     const int result = transfer(*handle, messages, 2);
-    const int error = errno;
+    const int error = errno; // logging may change it
     if (is_logged(*handle)) {
         KIV_LOG_AT(site, PRNT, "read : addr 0x%04x reg 0x%02x bytes %2d ret %d out 0x%x\n",
                    handle->deviceAddress, reg, count, result, length > 0 ? out[0] : 0);
@@ -156,6 +158,7 @@ int32_t read_register(const kiv_i2c_handle *handle, register_address address, un
     return KIV_OK;
 }
 
+// Address and value go in one message: with a stop between them a device would take the value for an address.
 int32_t write_byte(const kiv_i2c_handle &handle, register_address address, unsigned reg, uint8_t value,
                    kiv::call_site site)
 {
@@ -186,6 +189,7 @@ int32_t write_register(const kiv_i2c_handle *handle, register_address address, u
     if (!KIV_HOLDS_AT(site, handle != nullptr && values != nullptr)) {
         return KIV_ERR_INVALID_PARAM;
     }
+    // All bytes go to one register, which may be a FIFO or a sequence of commands.
     int32_t status = KIV_OK;
     for (uint32_t i = 0; i < count && status == KIV_OK; ++i) {
         status = write_byte(*handle, address, reg, values[i], site);

@@ -32,6 +32,7 @@ bool holds_bytes(int fd) noexcept
     return fstat(fd, &status) == 0 && !S_ISDIR(status.st_mode) && !S_ISFIFO(status.st_mode);
 }
 
+// The open must not block either, in case a FIFO takes the place of a file before it is looked at.
 unique_file open_file(const char *path)
 {
     kiv::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -40,7 +41,7 @@ unique_file open_file(const char *path)
     }
     unique_file file(fdopen(fd.get(), "r"));
     if (file != nullptr) {
-        static_cast<void>(fd.release());
+        static_cast<void>(fd.release()); // the stream closes it
     }
     return file;
 }

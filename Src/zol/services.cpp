@@ -20,6 +20,7 @@ constexpr long us_per_second = 1'000'000;
 constexpr long ns_per_us = 1'000;
 constexpr long ns_per_second = 1'000'000'000;
 
+// A negative timeout gives a point in the past, so the nanoseconds may be out of range on either side.
 void normalise(timespec &ts) noexcept
 {
     if (ts.tv_nsec >= ns_per_second) {
@@ -31,6 +32,7 @@ void normalise(timespec &ts) noexcept
     }
 }
 
+// Its failure is logged and no more: callers look at their condition again, as after a spurious wake-up.
 int32_t wait_without_limit(pthread_cond_t *cond, pthread_mutex_t *mutex, kiv::call_site site)
 {
     const int result = pthread_cond_wait(cond, mutex);
@@ -113,7 +115,7 @@ int32_t kiv_snprintf(char *s, size_t maxlen, const char *format, ...)
     va_start(arguments, format);
     const int needed = std::vsnprintf(s, maxlen, format, arguments);
     va_end(arguments);
-    const int space = static_cast<int>(maxlen);
+    const int space = static_cast<int>(maxlen); // for the log, which shows both as %d
     KIV_LOG_INF2("writtenBytes (%s) = %d / %d\n", maxlen > 0 ? s : "", needed, space);
     if (maxlen > static_cast<size_t>(needed)) { // a formatting error, -1, counts as too long
         return KIV_OK;

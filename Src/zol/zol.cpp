@@ -150,7 +150,7 @@ int32_t zol_init(const char *configFile)
     const bool started =
         run_startup(configFile != nullptr ? configFile : "/etc/kiv/conf.xml", kiv::call_site::here());
     KIV_LOG_PRNT("initialize kiv - configName[%s]\n", g_kiv.configName);
-    if (!started) {
+    if (!started) { // some modules may run: stopping the others does no harm
         deinit_modules();
         pthread_mutex_destroy(&g_kiv.lock);
         return KIV_ERR_INVALID_PARAM;
@@ -164,7 +164,7 @@ int32_t zol_deinit(void)
     KIV_LOG_PRNT("destruct kiv\n");
     if (!is_initialized()) {
         KIV_LOG_ERRR("the library is not initialized\n");
-        kiv_test_util_deinit();
+        kiv_test_util_deinit(); // tests are registered without a start, too
         return KIV_ERR_STATE;
     }
     const kiv::cancellation_off uncancelled; // the lock is held while threads are joined

@@ -24,6 +24,7 @@ using kiv::events_test::notify_text;
 namespace
 {
 
+// Any number may be typed. The library looks up a handle among the live ones before it reads its memory.
 template <typename Handle>
 Handle *handle_of(intptr_t id)
 {
@@ -47,6 +48,7 @@ void __print_interactive_help()
               "'dumpall' \t\t\t: Dump event DB");
 }
 
+// The start of a line decides, so that blanks or words behind a command do no harm.
 bool starts_with(const char *line, const char *word)
 {
     return std::strncmp(line, word, std::strlen(word)) == 0;
@@ -100,6 +102,7 @@ bool free_group(const char *line, int &)
     return true;
 }
 
+// The size only documents the event to be made: an event takes payloads of any size.
 bool create(const char *line, int &)
 {
     word item_called;
@@ -184,6 +187,7 @@ void *listen_alone(void *argument)
     return kiv::events_test::__listener(info.get());
 }
 
+// Detached, because the console goes on and has no command that would join it.
 int start_listening_alone(std::unique_ptr<listener_info> info)
 {
     pthread_t thread = {};
@@ -203,6 +207,7 @@ bool wait_for(const char *line, int &result)
     if (std::sscanf(line, "waitfor %63s %" SCNd32 " %" SCNd32, item_called, &timeout, &iterations) != 3) {
         return false;
     }
+    // Each listener has a task of its own, so that several can wait at a time.
     std::unique_ptr<listener_info> info(new (std::nothrow) listener_info());
     int error = ENOMEM;
     if (info) {
@@ -234,7 +239,8 @@ bool get_fd(const char *line, int &)
     return true;
 }
 
-// A console command. @return False for a line that is not its own.
+// A console command. Each tries to scan the line, so the formats are the grammar, and no table repeats it.
+// @return False for a line that is not its own.
 using console_command = bool (*)(const char *line, int &result);
 
 constexpr console_command commands[] = {
@@ -252,7 +258,7 @@ int kiv::events_test::run_console()
     char line[kiv::console_line_size];
     for (;;) {
         std::printf("<cmd>: ");
-        if (!kiv::read_line(line)) {
+        if (!kiv::read_line(line)) { // the end of the input ends the console as well
             return result;
         }
         if (starts_with(line, "exit")) {

@@ -21,6 +21,7 @@ struct listener_info {
     int32_t timeout; // microseconds
     int32_t failed;
     kiv_event_wait_entry entries[num_events]; // the listener's own
+    // The notifier reads both while the listener runs.
     std::atomic<int64_t> received;
     std::atomic<bool> ended;
 };

@@ -36,6 +36,7 @@ void print_options()
         "<iter_count> iterations");
 }
 
+// Some options have no function here. They are accepted because command lines are shared with the GPIO test.
 constexpr char shortOptions[] = "1:23:a:f:ic:e:d";
 
 constexpr option longOptions[] = {
@@ -69,6 +70,7 @@ void apply_option(int letter, int &result)
     }
 }
 
+// The mode changes while the module is stopped, so no operation meets the change halfway.
 void switch_simulator_on()
 {
     std::puts("----------------------------\n"

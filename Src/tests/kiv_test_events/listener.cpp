@@ -12,12 +12,13 @@
 void *kiv::events_test::__listener(void *argument)
 {
     auto *const info = static_cast<listener_info *>(argument);
-    info->failed = 1;
+    info->failed = 1; // until the end shows otherwise
     std::printf("Going to wait for %d events %d times\n", info->count, info->iterations);
     const int64_t total = int64_t{info->count} * info->iterations;
     int64_t received = 0;
     int32_t status = KIV_OK;
-    char text[text_size];
+    char text[text_size]; // shared by all entries, so of several events in a pass the last text is shown
+    // A wait that times out is a pass too, so that a listener whose events do not come ends.
     for (int64_t passes = 0; received < total && passes < total; ++passes) {
         for (int32_t i = 0; i < info->count; ++i) {
             KIV_LOG_INF1("preparing event %s\n", info->names[i]);
@@ -34,6 +35,7 @@ void *kiv::events_test::__listener(void *argument)
                 info->received = ++received;
                 KIV_LOG_INF1("### got %" PRId64 " events ###\n", received);
                 KIV_LOG_INF1("Got event[%d]:%.*s, max expected len %d bytes, actual len %d bytes\n", i,
+                             // the notifier need not have sent a final zero
                              static_cast<int>(strnlen(text, entry.actual_sz)), text,
                              static_cast<int>(entry.data_sz), static_cast<int>(entry.actual_sz));
             }

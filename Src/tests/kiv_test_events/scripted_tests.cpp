@@ -24,6 +24,7 @@ constexpr int32_t wait_timeout_us = 10'000'000;
 constexpr int32_t disabled_cycles = 10;
 constexpr char group_name[] = "event_group_001";
 
+// Of static duration: a listener that cannot be joined goes on using them.
 listener_info g_listener_info;
 kiv_event_item *ev_item[2][num_events]; // of __test01 and __test02
 kiv_event_wait_entry event[num_events]; // of __test02
@@ -36,6 +37,7 @@ void format_name(char (&to)[text_size], int32_t index)
     std::snprintf(to, sizeof to, "%s_%d", "event_item", index);
 }
 
+// Long and short texts take turns, so that a remainder of a longer record would show in the next one.
 void format_text(char (&to)[text_size], const kiv_event_item *item, int32_t index, int32_t cycle)
 {
     std::snprintf(to, sizeof to, "event_item0x%" PRIxPTR "_test_msg%04d_%s", id_of(item), index,
@@ -104,7 +106,7 @@ bool create_enabled_items(const char *test, kiv_event_group *group)
         format_name(g_listener_info.names[index], index);
         kiv_event_item *const item = create_item(test, g_listener_info.names[index], group);
         ev_item[0][index] = item;
-        if (item == nullptr) {
+        if (item == nullptr) { // the listener will report that this event does not come
             continue;
         }
         if (const int32_t status = kiv_events_set_enable_event(item, 1); status != KIV_OK) {
@@ -134,6 +136,7 @@ void notify_enabled_items(const char *test, int32_t iterations)
     }
 }
 
+// The test gives these events no callback and does not enable them: what is sent to them must not arrive.
 void create_disabled_items(const char *test, char (&text)[text_size])
 {
     kiv_event_group *const group = create_group(test);

@@ -85,6 +85,7 @@ bool __register_unregister_gpio(int gpio, int cnt)
     }
     for (int i = 0; i < cnt; ++i) {
         KIV_LOG_INF1("int register test #1 gpio %d cycle %d\n", gpio, i);
+        // The board ignores the edges of a level interrupt, so -1 does no harm.
         if (kiv_gpio_register_callback(gpio, KIV_GPIO_LEVEL, -1, KIV_GPIO_LEVEL_HIGH, __gpio_cbk,
                                        cycle_tag) != KIV_OK) {
             KIV_LOG_ERRR("failed to register gpio %d cycle count %d\n", gpio, i);
@@ -252,7 +253,7 @@ bool reg(const char *line)
 
 constexpr bool (*commands[])(const char *line) = {print_help, alloc, free_pin, set, get, reg, unreg};
 
-// Until the end of the input, at the latest.
+// Ends with the input, at the latest: a script need not know the word "exit".
 void run_console()
 {
     __print_interactive_help();
@@ -285,6 +286,7 @@ constexpr option longOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+// Options are carried out in their order, so a count holds for the tests behind it.
 void apply_option(int letter, int &cnt)
 {
     switch (letter) {
@@ -312,6 +314,7 @@ void apply_option(int letter, int &cnt)
     }
 }
 
+// The mode changes while the module is stopped, so no operation meets the change halfway.
 void switch_simulator_on()
 {
     SAY("----------------------------\n");

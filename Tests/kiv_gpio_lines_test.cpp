@@ -51,7 +51,8 @@ protected:
 
 TEST_F(GpioLines, ALineIsTakenAsItIsAndBecomesAnOutputWhenItIsSet)
 {
-    restart_with_chips("<gpio_39_active_low>1</gpio_39_active_low><gpio_39_bias>disabled</gpio_39_bias>"
+    restart_with_chips("<gpio_chip_0_first>0</gpio_chip_0_first>"
+                       "<gpio_39_active_low>1</gpio_39_active_low><gpio_39_bias>disabled</gpio_39_bias>"
                        "<gpio_7_bias>pull-up</gpio_7_bias><gpio_7_debounce_us>5000</gpio_7_debounce_us>");
     int value = 7;
     request(3, "a name of thirty-one characters and more");

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "support/fake_host.h"
 #include "support/forked.h"
 #include "support/log_capture.h"
 #include "support/text.h"
@@ -24,19 +25,27 @@ using strings = std::vector<std::string>;
 namespace
 {
 
+// The time counts from the beginning of the second of the first line.
 TEST(Debug, WritesTheExactLine)
 {
+    struct row {
+        int seconds;
+        int microseconds;
+        const char *timestamp;
+    };
     g_debugLevel = 2;
     log_capture log;
-    const int line = __LINE__ + 1;
-    KIV_LOG_PRNT("Version : %s\n", "0.1.0");
-    const std::string out = log.out();
-    int fraction = -1;
-    ASSERT_EQ(std::sscanf(out.c_str(), "T   0.%d ", &fraction), 1) << out;
-    char timestamp[64];
-    std::snprintf(timestamp, sizeof timestamp, "T %3d.%-3d ", 0, fraction);
-    EXPECT_EQ(out, timestamp + ("\033[32m[PRNT][   KIV   ]" + std::string(27, ' ')) + "TestBody   " +
-                       std::to_string(line) + " : \033[0mVersion : 0.1.0\n");
+    zol_test::fake_host host;
+    std::string expected;
+    for (const auto &[seconds, microseconds, timestamp] :
+         {row{100, 900'000, "T   0.900 "}, row{101, 100'999, "T   1.100 "}, row{105, 42'000, "T   5.42  "},
+          row{1105, 999, "T 1005.0   "}}) {
+        host.set_time(seconds, microseconds);
+        KIV_LOG_PRNT("Version : %s\n", "0.1.0");
+        expected += timestamp + ("\033[32m[PRNT][   KIV   ]" + std::string(27, ' ')) + "TestBody   " +
+                    std::to_string(__LINE__ - 2) + " : \033[0mVersion : 0.1.0\n";
+    }
+    EXPECT_EQ(log.out(), expected);
 }
 
 TEST(Debug, ShowsTheLevelsUpToTheConfiguredOne)

@@ -39,7 +39,7 @@ OPERATORS = [
     (r"\btrue\b", "false"),
     (r"\bfalse\b", "true"),
     (r"(?<![\w.])0(?![\w.])", "1"),
-    (r"(?<![\w.])1(?![\w.])", "2"),
+    (r"(?<![\w.-])1(?![\w.])", "2"),  # not -1: any negative number means a failure
     (r"\bif \((?!constexpr)(?=[^;]*\) \{$)", "if (!"),
     (r"\bKIV_ERR_[A-Z_]+\b", "KIV_OK"),
     (r"\bO_CLOEXEC\b", "0"),
@@ -48,8 +48,8 @@ OPERATORS = [
 # A statement that can be removed: a call or an assignment on one line.
 STATEMENT = re.compile(r"^\s+(?!return|const|auto|using|static|throw|break|continue|case|default|goto|delete)"
                        r"[\w:.>*\[\]-]+(\(.*\)| (=|\+=|-=|\|=|&=) .*);$")
-# Lines that are left alone: comments, directives, and log lines, whose loss is no fault of the product.
-SKIPPED = re.compile(r"^\s*(//|/\*|\*|#|static_assert|KIV_LOG_)")
+# Lines that are left alone: comments, directives, and messages, whose loss is no fault of the product.
+SKIPPED = re.compile(r"^\s*(//|/\*|\*|#|static_assert|KIV_LOG_|std::perror)")
 LITERAL = re.compile(r'"(?:[^"\\]|\\.)*"|\'(?:[^\'\\]|\\.)*\'|//.*$')
 
 Mutant = collections.namedtuple("Mutant", "path line before after")

@@ -78,6 +78,10 @@ TEST_F(TimingLog, WritesRowsByteForByte)
                           "9.200000,0,3,,\n");
     EXPECT_EQ(map_[1].state, KIV_TL_HIGH);
     EXPECT_EQ(map_[1].last_time.tv_sec, 102);
+    struct stat status = {};
+    EXPECT_EQ(stat(file("run").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 110);
+    EXPECT_EQ(status.st_mtim.tv_nsec, 0);
 }
 
 TEST_F(TimingLog, AcceptsClockStepsAndRejectsInvalidEvents)

@@ -11,6 +11,10 @@
  * time. So a killed process loses some 10 ms of rows at most while its writer keeps up. exit() writes what was
  * logged before, for which it waits up to 2 seconds; the stop row is written by kiv_tl_deinit() alone.
  *
+ * The times in a file count from the start of its log. The file's time of modification is that of its last row,
+ * to the microsecond. So zol_timing(1) knows when a log began, and draws several on one axis. A log that was
+ * killed or ended by exit() may have a later time; then the system has set it.
+ *
  * A log is the process's that opened it. In a forked child kiv_tl() skips events, with one ERRR line, and
  * kiv_tl_deinit() leaves the file as it is.
  *

@@ -1,5 +1,7 @@
 #include "csv_writer.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -57,10 +59,14 @@ void csv_writer::end_event() noexcept
     is_flushed_ = failed_;
 }
 
-void csv_writer::flush() noexcept
+void csv_writer::flush(const timeval &last_row) noexcept
 {
     if (!failed_ && std::fflush(stream_) != 0) {
         fail();
+    }
+    if (!failed_) { // the file of another user keeps the time that the system has set
+        const timespec times[] = {{0, UTIME_OMIT}, {last_row.tv_sec, last_row.tv_usec * 1000}};
+        static_cast<void>(futimens(fileno(stream_), times));
     }
     is_flushed_ = true;
 }

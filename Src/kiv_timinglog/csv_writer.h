@@ -37,8 +37,8 @@ public:
     void end_row() noexcept;
     void end_event() noexcept;
 
-    /// Hands what the stream holds to the system.
-    void flush() noexcept;
+    /// Hands what the stream holds to the system, and makes the time of the last row the file's time of modification.
+    void flush(const timeval &last_row) noexcept;
     [[nodiscard]] bool is_flushed() const noexcept { return is_flushed_; }
 
 private:

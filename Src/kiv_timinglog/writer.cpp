@@ -90,6 +90,7 @@ void write_rows(timing_log &log, const kiv_tl_msg &msg)
         kiv_tl_log_mark(log, msg, row_kind::state);
     }
     log.csv->end_event();
+    log.last_row = msg.stamp;
 }
 
 // A producer that finds the writer waiting at the queue has to wake it up, which costs more than all the rest. So
@@ -111,7 +112,7 @@ gpointer flush_or_pop(timing_log &log)
         msg = g_async_queue_timeout_pop(log.pending_msgs_queue, static_cast<guint64>(left));
     }
     if (msg == nullptr) {
-        log.csv->flush();
+        log.csv->flush(log.last_row);
         log.next_flush_us = g_get_monotonic_time() + flush_interval_us;
     }
     return msg;
@@ -183,7 +184,7 @@ gpointer kiv_tl_worker_thread(gpointer data)
         stopped = taken.ends_with_stop();
         taken.give_back(*tlc);
     }
-    tlc->csv->flush();
+    tlc->csv->flush(tlc->last_row);
     return nullptr;
 }
 

@@ -19,7 +19,7 @@ std::string quoted(const std::string &text)
     return result + "\"";
 }
 
-std::string seconds(std::chrono::steady_clock::duration time)
+std::string seconds(std::chrono::nanoseconds time)
 {
     char text[32];
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
@@ -36,7 +36,7 @@ void journal::add(const std::string &line, const journal_facts &facts)
         entries_.pop_front();
         ++first_;
     }
-    entries_.push_back({clock::now() - start_, line, facts, ""});
+    entries_.push_back({clock::now() - start_, std::chrono::system_clock::now(), line, facts, ""});
 }
 
 void journal::mark_stimulus(std::uint64_t number, const std::string &request)
@@ -58,6 +58,7 @@ std::string journal::as_json(std::uint64_t number, const entry &shown)
 {
     const std::size_t space = std::min(shown.line.find(' '), shown.line.size());
     std::string text = "{\"number\":" + std::to_string(number) + ",\"time\":" + seconds(shown.time) +
+                       ",\"wall\":" + seconds(shown.wall_time.time_since_epoch()) +
                        ",\"device\":" + quoted(shown.line.substr(0, space));
     if (shown.facts.transfer) {
         text += ",\"address\":" + std::to_string(shown.facts.transfer->address);

@@ -51,6 +51,7 @@ private:
 
     struct entry {
         clock::duration time; // since the board's start
+        std::chrono::system_clock::time_point wall_time;
         std::string line;
         journal_facts facts;
         std::string stimulus; // "" if it did not come from the bench

@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <charconv>
-#include <fstream>
+#include <cstdio>
+#include <filesystem>
 #include <string_view>
 
+#include "timing_lines.h"
 #include "timing_trace.h"
 
 namespace zol_tools
@@ -10,108 +12,168 @@ namespace zol_tools
 namespace
 {
 
-std::vector<std::string> split(const std::string &line)
+constexpr std::string_view wrong_header =
+    "this is no timing log: its header must be \"time,...,delta since last event,\"";
+
+// Takes the cell before the next comma from the head of a row; each cell ends with one.
+std::string_view take_cell(std::string_view &row)
 {
-    std::vector<std::string> cells;
-    std::size_t begin = 0;
-    for (std::size_t comma = line.find(','); comma != std::string::npos; comma = line.find(',', begin)) {
-        cells.push_back(line.substr(begin, comma - begin));
-        begin = comma + 1;
-    }
-    return cells; // a row ends with a comma
+    const std::size_t size = std::min(row.find(','), row.size());
+    const std::string_view cell = row.substr(0, size);
+    row.remove_prefix(std::min(size + 1, row.size()));
+    return cell;
 }
 
-std::optional<std::int64_t> parse_integer(std::string_view text)
+// An event gives two rows, a pulse three: before, at and after it. Only the second has a time since the last event.
+// So a pulse of a lane that is high shows in the number of rows.
+class lane_reader
 {
-    std::int64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return !text.empty() && error == std::errc() && end == text.data() + text.size() ? std::optional(value)
-                                                                                     : std::nullopt;
-}
+public:
+    explicit lane_reader(lane &target) : lane_(&target) {}
 
-// Some 285 years. Up to here a double is exact to the microsecond, and no difference overflows.
-constexpr std::int64_t most_seconds = 9'000'000'000;
-
-// "1.500000" in microseconds. The fraction always counts upwards: -1.900000 is 0.1 s before the start.
-std::optional<std::int64_t> parse_time(std::string_view text)
-{
-    const std::size_t point = text.find('.');
-    if (point == std::string_view::npos || text.size() - point != 7 || text[point + 1] == '-') {
-        return std::nullopt;
-    }
-    const std::optional<std::int64_t> seconds = parse_integer(text.substr(0, point));
-    const std::optional<std::int64_t> fraction = parse_integer(text.substr(point + 1));
-    if (!seconds || !fraction || *seconds > most_seconds || *seconds < -most_seconds) {
-        return std::nullopt;
-    }
-    return *seconds * 1'000'000 + *fraction;
-}
-
-bool add_cell(lane &lane, std::size_t index, std::int64_t time_us, const std::string &cell)
-{
-    const std::optional<std::int64_t> value = parse_integer(cell);
-    if (!value || (*value != static_cast<std::int64_t>(2 * index) &&
-                   *value != static_cast<std::int64_t>(2 * index + 1))) {
-        return false;
-    }
-    lane.levels.push_back({time_us, *value % 2 != 0});
-    return true;
-}
-
-// @return "" or the mistake.
-std::string add_row(timing_trace &trace, const std::vector<std::string> &cells)
-{
-    if (cells.size() != trace.lanes.size() + 2) {
-        return "a row of " + std::to_string(cells.size()) + " cells, but the header has " +
-               std::to_string(trace.lanes.size() + 2);
-    }
-    const std::optional<std::int64_t> time = parse_time(cells[0]);
-    if (!time) {
-        return "\"" + cells[0] + "\" is no time";
-    }
-    trace.first_us = std::min(trace.first_us, *time);
-    trace.last_us = std::max(trace.last_us, *time);
-    for (std::size_t i = 0; i < trace.lanes.size(); ++i) {
-        if (!cells[i + 1].empty() && !add_cell(trace.lanes[i], i, *time, cells[i + 1])) {
-            return "\"" + cells[i + 1] + "\" is no level of lane " + trace.lanes[i].label;
+    void add(std::int64_t time_us, bool high, bool is_event)
+    {
+        if (is_event) {
+            end_event();
+            event_us_ = time_us;
+            is_on_high_ = high && high_;
+            rows_after_ = 0;
+        } else {
+            ++rows_after_;
+        }
+        if (high != high_) {
+            change(time_us, high);
         }
     }
-    return "";
-}
 
-bool read_header(const std::string &line, timing_trace &trace)
+    // The row after the event's own rows has been counted: that before the next event, or the last of the log.
+    void end_event()
+    {
+        if (is_on_high_ && rows_after_ == 2) {
+            lane_->marks.push_back({event_us_, 0, mark_kind::pulse});
+        }
+    }
+
+private:
+    // A level that takes no time is a pulse.
+    void change(std::int64_t time_us, bool high)
+    {
+        std::vector<mark> &marks = lane_->marks;
+        high_ = high;
+        if (!high && !marks.empty() && marks.back().kind == mark_kind::high &&
+            marks.back().time_us == time_us) {
+            marks.back().kind = mark_kind::pulse;
+        } else {
+            marks.push_back({time_us, 0, high ? mark_kind::high : mark_kind::low});
+        }
+    }
+
+    lane *lane_;
+    bool high_ = false;
+    bool is_on_high_ = false;
+    int rows_after_ = 0;
+    std::int64_t event_us_ = 0;
+};
+
+class log_reader
 {
-    const std::vector<std::string> titles = split(line);
-    if (titles.size() < 2 || titles.front() != "time" || titles.back() != "delta since last event") {
-        return false;
+public:
+    // Each returns "" or the mistake.
+    std::string read_header(std::string_view header)
+    {
+        const auto columns = std::ranges::count(header, ',');
+        if (columns < 2 || take_cell(header) != "time") {
+            return std::string(wrong_header);
+        }
+        for (auto i = columns - 2; i > 0; --i) {
+            trace_.lanes.push_back({.label = std::string(take_cell(header)), .initial = false});
+        }
+        readers_ = std::vector<lane_reader>(trace_.lanes.begin(), trace_.lanes.end());
+        return take_cell(header) == "delta since last event" ? "" : std::string(wrong_header);
     }
-    for (std::size_t i = 1; i + 1 < titles.size(); ++i) {
-        trace.lanes.push_back({titles[i], {}});
+
+    std::string add_row(std::string_view row)
+    {
+        if (const auto cells = static_cast<std::size_t>(std::ranges::count(row, ','));
+            cells != readers_.size() + 2) {
+            return "a row of " + std::to_string(cells) + " cells, but the header has " +
+                   std::to_string(readers_.size() + 2);
+        }
+        const std::size_t delta = row.rfind(',', row.size() - 2);
+        const bool is_event = delta + 2 < row.size();
+        const std::string_view shown = take_cell(row);
+        const std::optional<std::int64_t> time = parse_row_time(shown);
+        if (!time) {
+            return "\"" + std::string(shown) + "\" is no time";
+        }
+        trace_.first_us = std::min(trace_.first_us, *time);
+        trace_.last_us = std::max(trace_.last_us, *time);
+        trace_.last_row_us = *time;
+        return add_cells(*time, is_event, row);
     }
-    return true;
-}
+
+    timing_trace finish()
+    {
+        for (lane_reader &reader : readers_) {
+            reader.end_event();
+        }
+        return std::move(trace_);
+    }
+
+private:
+    std::string add_cells(std::int64_t time_us, bool is_event, std::string_view cells)
+    {
+        for (std::size_t i = 0; i < readers_.size(); ++i) {
+            if (cells.starts_with(',')) {
+                cells.remove_prefix(1);
+            } else if (const std::string_view cell = take_cell(cells);
+                       !add_cell(i, time_us, is_event, cell)) {
+                return "\"" + std::string(cell) + "\" is no level of lane " + trace_.lanes[i].label;
+            }
+        }
+        const std::string_view delta = take_cell(cells);
+        return delta.empty() || parse_row_time(delta) ? "" : "\"" + std::string(delta) + "\" is no time";
+    }
+
+    bool add_cell(std::size_t index, std::int64_t time_us, bool is_event, std::string_view cell)
+    {
+        std::size_t value = 0;
+        const auto [end, error] = std::from_chars(cell.data(), cell.data() + cell.size(), value);
+        if (error != std::errc() || end != cell.data() + cell.size() || value / 2 != index) {
+            return false;
+        }
+        readers_[index].add(time_us, value % 2 != 0, is_event);
+        return true;
+    }
+
+    timing_trace trace_;
+    std::vector<lane_reader> readers_;
+};
 
 } // namespace
 
 std::optional<timing_trace> read_timing_csv(const std::string &path, std::string &error)
 {
-    std::ifstream file(path);
-    std::string line;
-    timing_trace trace;
-    if (!std::getline(file, line)) {
-        error = path + ": cannot be read, or is empty";
+    line_reader lines(path);
+    std::string_view line;
+    log_reader log;
+    if (!lines.next(line)) {
+        error = lines.failure().empty() ? path + ": is empty" : lines.failure();
         return std::nullopt;
     }
-    if (!read_header(line, trace)) {
-        error = path + ":1: this is no timing log: its header must be \"time,...,delta since last event,\"";
+    std::string problem = log.read_header(line);
+    while (problem.empty() && lines.next(line) && !lines.is_cut()) {
+        problem = log.add_row(line);
+    }
+    if (!problem.empty() || !lines.failure().empty()) {
+        error = problem.empty() ? lines.failure() : lines.mistake(problem);
         return std::nullopt;
     }
-    for (int number = 2; std::getline(file, line); ++number) {
-        if (const std::string problem = add_row(trace, split(line)); !problem.empty()) {
-            error = path + ":" + std::to_string(number) + ": " + problem;
-            return std::nullopt;
-        }
+    if (lines.is_cut()) {
+        std::fprintf(stderr, "zol_timing: %s\n", lines.mistake("the row is cut short and left out").c_str());
     }
+    timing_trace trace = log.finish();
+    trace.name = std::filesystem::path(path).stem();
     return trace;
 }
 

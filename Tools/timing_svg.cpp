@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdint>
 #include <cstdio>
 #include <string_view>
 
-#include "timing_trace.h"
+#include "timing_output.h"
+#include "timing_text.h"
 
 namespace zol_tools
 {
@@ -34,57 +34,6 @@ std::string number(double value, int decimals = 1)
     return text;
 }
 
-// The smallest code point for each size of a sequence. A smaller one would be an overlong form, which is invalid.
-constexpr std::array<std::uint32_t, 5> smallest = {0, 0, 0x80, 0x800, 0x10000};
-
-bool is_xml_character(std::uint32_t code)
-{
-    const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
-    return !is_surrogate && code != 0xFFFE && code != 0xFFFF && code <= 0x10FFFF;
-}
-
-// @return The size of the UTF-8 character at the head of a text; 0 when it is invalid, or not allowed in XML.
-std::size_t character_size(std::string_view text)
-{
-    const auto first = static_cast<unsigned char>(text[0]);
-    const std::size_t size = first < 0x80 ? 1 : first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    std::uint32_t code = size == 1 ? first : first & (0x7FU >> size);
-    for (std::size_t i = 1; i < size; ++i) {
-        if (i >= text.size() || (static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
-            return 0;
-        }
-        code = code << 6 | (static_cast<unsigned char>(text[i]) & 0x3FU);
-    }
-    const bool is_lead = first < 0x80 || (first >= 0xC2 && first < 0xF8);
-    return is_lead && code >= smallest[size] && is_xml_character(code) ? size : 0;
-}
-
-std::string escape_character(std::string_view character)
-{
-    switch (character[0]) {
-    case '&':
-        return "&amp;";
-    case '<':
-        return "&lt;";
-    case '>':
-        return "&gt;";
-    default:
-        return static_cast<unsigned char>(character[0]) < 0x20 ? " " : std::string(character);
-    }
-}
-
-// Shows an invalid byte as U+FFFD, because parsers reject a picture that is not UTF-8.
-std::string escape(std::string_view text)
-{
-    std::string escaped;
-    while (!text.empty()) {
-        const std::size_t size = character_size(text);
-        escaped += size > 0 ? escape_character(text.substr(0, size)) : "\xEF\xBF\xBD";
-        text.remove_prefix(std::max<std::size_t>(size, 1));
-    }
-    return escaped;
-}
-
 unit unit_for(double span_us)
 {
     return span_us >= 2e6 ? unit{1e6, "s"} : span_us >= 2e3 ? unit{1e3, "ms"} : unit{1, "µs"};
@@ -102,49 +51,71 @@ double tick_step(double span)
     return 10 * power;
 }
 
-// The geometry of the picture.
+std::string shown_label(const lane &lane)
+{
+    std::uint32_t most = 0;
+    for (const mark &mark : lane.marks) {
+        most = std::max(most, lane.is_count ? mark.detail : 0);
+    }
+    return lane.label + (lane.is_count ? ", max " + std::to_string(most) : "");
+}
+
+// The geometry of the picture. Each lane is a row; of several traces each has a row for its name, too.
 class layout
 {
 public:
-    explicit layout(const timing_trace &trace)
-        : first_us_(static_cast<double>(trace.first_us)),
-          span_us_(std::max(1.0, static_cast<double>(trace.last_us - trace.first_us))),
-          lanes_(trace.lanes.size())
+    explicit layout(const timeline &all)
+        : first_us_(static_cast<double>(all.first_us)),
+          span_us_(std::max(1.0, static_cast<double>(all.last_us - all.first_us)))
     {
         std::size_t longest = 4;
-        for (const lane &lane : trace.lanes) {
-            longest = std::max(longest, lane.label.size());
-        }
+        rows_ = all.is_joined() ? all.traces.size() : 0;
+        all.for_each_lane([&](const timing_trace &, const lane &lane) {
+            longest = std::max(longest, shown_label(lane).size());
+            texts_ += std::ranges::count_if(
+                lane.marks, [&lane](const mark &each) { return lane.text_of(each) != nullptr; });
+            ++rows_;
+        });
         left_ = margin + static_cast<double>(longest) * character_width + 14;
     }
 
     [[nodiscard]] double left() const { return left_; }
     [[nodiscard]] double right() const { return left_ + plot_width; }
     [[nodiscard]] double width() const { return right() + margin + 20; }
-    [[nodiscard]] double bottom() const { return top + static_cast<double>(lanes_) * lane_height; }
+    [[nodiscard]] double bottom() const { return top + static_cast<double>(rows_) * lane_height; }
     [[nodiscard]] double height() const { return bottom() + 40; }
     [[nodiscard]] double span_us() const { return span_us_; }
     [[nodiscard]] double first_us() const { return first_us_; }
-    [[nodiscard]] double x(double time_us) const
+    [[nodiscard]] double x(std::int64_t time_us) const
     {
-        return left_ + (time_us - first_us_) / span_us_ * plot_width;
+        return left_ + (static_cast<double>(time_us) - first_us_) / span_us_ * plot_width;
     }
-    [[nodiscard]] static double y(std::size_t index, bool high)
+    [[nodiscard]] static double row_top(std::size_t row)
     {
-        const double low = top + static_cast<double>(index) * lane_height + (lane_height + trace_height) / 2;
-        return high ? low - trace_height : low;
+        return top + static_cast<double>(row) * lane_height;
     }
+    [[nodiscard]] static double low(std::size_t row)
+    {
+        return row_top(row) + (lane_height + trace_height) / 2;
+    }
+
+    /// Marks that are closer are drawn together: a pixel, and more in a picture of very many lanes.
+    [[nodiscard]] double closest() const { return std::max(1.0, static_cast<double>(rows_) / 16); }
+
+    /// The texts of marks show up under the pointer, unless they would make up most of the picture.
+    [[nodiscard]] bool shows_texts() const { return texts_ <= 1000; }
 
 private:
     double first_us_;
     double span_us_;
-    std::size_t lanes_;
+    std::size_t rows_;
+    std::ptrdiff_t texts_ = 0;
     double left_;
 };
 
 std::string text(double x, double y, const std::string &style, const std::string &content)
 {
-    return "<text x=\"" + number(x) + "\" y=\"" + number(y) + "\" " + style + ">" + escape(content) +
+    return "<text x=\"" + number(x) + "\" y=\"" + number(y) + "\" " + style + ">" + escape_xml(content) +
            "</text>\n";
 }
 
@@ -165,70 +136,204 @@ std::string draw_axis(const layout &at)
     std::string svg;
     for (auto i = static_cast<std::int64_t>(std::ceil(at.first_us() / unit.us / step)); i <= last; ++i) {
         const double tick = static_cast<double>(i) * step;
-        svg += draw_tick_line(at, at.x(tick * unit.us));
-        svg += text(at.x(tick * unit.us), at.bottom() + 18, "text-anchor=\"middle\" class=\"tick\"",
-                    number(tick, decimals));
+        const double x = at.left() + (tick * unit.us - at.first_us()) / at.span_us() * plot_width;
+        svg += draw_tick_line(at, x);
+        svg += text(x, at.bottom() + 18, "text-anchor=\"middle\" class=\"tick\"", number(tick, decimals));
     }
     return svg + text((at.left() + at.right()) / 2, at.bottom() + 34, "text-anchor=\"middle\" class=\"tick\"",
                       std::string("time in ") + unit.name);
 }
 
-// A level holds until the next one. A pulse takes no time, so a dot on its spike makes it visible.
-std::string draw_lane(const layout &at, const lane &lane, std::size_t index)
+// A lane: a line that steps from level to level, dots for pulses, which take no time, and blocks for marks that are too
+// close to each other.
+class lane_painter
 {
-    const std::string colour = colours[index % colours.size()];
-    std::string path;
-    std::string dots;
-    bool high = false;
-    for (std::size_t i = 0; i < lane.levels.size(); ++i) {
-        const level_at &level = lane.levels[i];
-        const double x = at.x(static_cast<double>(level.time_us));
-        path += path.empty() ? "M" : "L" + number(x, 2) + " " + number(layout::y(index, high)) + "L";
-        path += number(x, 2) + " " + number(layout::y(index, level.high));
-        high = level.high;
-        const bool spike = level.high && i > 0 && i + 1 < lane.levels.size() && !lane.levels[i - 1].high &&
-                           !lane.levels[i + 1].high && lane.levels[i + 1].time_us == level.time_us;
-        if (spike) {
-            dots += "<circle cx=\"" + number(x, 2) + "\" cy=\"" + number(layout::y(index, true)) +
-                    "\" r=\"2.2\" fill=\"" + colour + "\"/>\n";
+public:
+    lane_painter(const layout &at, const lane &lane, std::size_t row, const char *colour)
+        : at_(at), lane_(lane), low_(layout::low(row)), colour_(colour)
+    {
+        for (const mark &mark : lane.marks) {
+            most_ = std::max(most_, lane.is_count ? mark.detail : 1);
         }
     }
-    return "<path d=\"" + path + "\" fill=\"none\" stroke=\"" + colour + "\" stroke-width=\"1.4\"/>\n" + dots;
+
+    std::string draw(std::int64_t first_us, std::int64_t last_us, output_file &file)
+    {
+        if (lane_.initial) {
+            start_line(at_.x(first_us), *lane_.initial ? most_ : 0);
+        }
+        for (std::size_t i = 0; i < lane_.marks.size();) {
+            const std::size_t end = end_of_run(i);
+            end - i > most_apart ? draw_block(i, end) : draw_marks(i, end);
+            for (; i < end; ++i) {
+                file.count_mark();
+            }
+        }
+        if (!line_.empty()) {
+            line_ += "H" + number(at_.x(last_us), 2);
+        }
+        return path(line_, "fill=\"none\" stroke=\"" + colour_ + "\" stroke-width=\"1.4\"") +
+               path(blocks_, "fill=\"" + colour_ + "\"") +
+               path(dots_, "stroke=\"" + colour_ + "\" stroke-width=\"4.4\" stroke-linecap=\"round\"") +
+               circles_;
+    }
+
+private:
+    static constexpr std::size_t most_apart = 3; // the marks of a run that are drawn one by one
+
+    static std::string path(const std::string &data, const std::string &style)
+    {
+        return data.empty() ? "" : "<path d=\"" + data + "\" " + style + "/>\n";
+    }
+
+    [[nodiscard]] double y(std::uint32_t value) const
+    {
+        return low_ - trace_height * value / std::max(most_, 1U);
+    }
+
+    [[nodiscard]] double x_of(std::size_t index) const { return at_.x(lane_.marks[index].time_us); }
+
+    [[nodiscard]] std::size_t end_of_run(std::size_t begin) const
+    {
+        std::size_t end = begin + 1;
+        while (end < lane_.marks.size() && x_of(end) - x_of(end - 1) < at_.closest()) {
+            ++end;
+        }
+        return end;
+    }
+
+    void start_line(double x, std::uint32_t value)
+    {
+        line_ += "M" + number(x, 2) + " " + number(y(value));
+        value_ = value;
+    }
+
+    void draw_block(std::size_t begin, std::size_t end)
+    {
+        const double x = x_of(begin);
+        const double right = std::max(x_of(end - 1), x + at_.closest());
+        if (!line_.empty()) {
+            line_ += "H" + number(x, 2);
+        }
+        blocks_ += "M" + number(x, 2) + " " + number(low_) + "V" + number(low_ - trace_height) + "H" +
+                   number(right, 2) + "V" + number(low_) + "z";
+        for (; begin < end; ++begin) {
+            value_ = value_after(lane_.marks[begin]);
+        }
+        start_line(right, value_);
+    }
+
+    void draw_marks(std::size_t begin, std::size_t end)
+    {
+        for (; begin < end; ++begin) {
+            const mark &mark = lane_.marks[begin];
+            const std::uint32_t value = value_after(mark);
+            if (line_.empty()) {
+                start_line(x_of(begin), value);
+            } else if (mark.kind == mark_kind::pulse || value != value_) {
+                line_ += "H" + number(x_of(begin), 2);
+            }
+            if (mark.kind == mark_kind::pulse) {
+                draw_pulse(x_of(begin), lane_.text_of(mark));
+            } else if (value != value_) {
+                line_ += "V" + number(y(value));
+            }
+            value_ = value;
+        }
+    }
+
+    void draw_pulse(double x, const std::string *text)
+    {
+        const std::string y = number(this->y(most_));
+        line_ += value_ == 0 ? "V" + y + "V" + number(low_) : "";
+        if (text == nullptr || !at_.shows_texts()) {
+            dots_ += "M" + number(x, 2) + " " + y + "h0";
+            return;
+        }
+        circles_ += "<circle cx=\"" + number(x, 2) + "\" cy=\"" + y + "\" r=\"2.2\" fill=\"" + colour_ +
+                    "\"><title>" + escape_xml(text->substr(0, 200)) + "</title></circle>\n";
+    }
+
+    [[nodiscard]] std::uint32_t value_after(const mark &mark) const
+    {
+        switch (mark.kind) {
+        case mark_kind::low:
+            return 0;
+        case mark_kind::high:
+            return 1;
+        case mark_kind::count:
+            return mark.detail;
+        case mark_kind::pulse:
+            break;
+        }
+        return value_;
+    }
+
+    const layout &at_;
+    const lane &lane_;
+    double low_;
+    std::string colour_;
+    std::uint32_t most_ = 1; // the value at the top of the row
+    std::uint32_t value_ = 0;
+    std::string line_;
+    std::string dots_;
+    std::string blocks_;
+    std::string circles_; // dots with a text
+};
+
+std::string draw_background(const layout &at, std::size_t row)
+{
+    return "<rect x=\"" + number(margin) + "\" y=\"" + number(layout::row_top(row)) + "\" width=\"" +
+           number(at.right() - margin) + "\" height=\"" + number(lane_height) + "\" fill=\"#f4f6f8\"/>\n";
 }
 
-std::string draw_lanes(const timing_trace &trace, const layout &at)
+void draw_lanes(const timeline &all, const layout &at, output_file &file)
 {
-    std::string svg;
-    for (std::size_t i = 0; i < trace.lanes.size(); ++i) {
-        const double base = top + static_cast<double>(i) * lane_height;
-        if (i % 2 == 0) {
-            svg += "<rect x=\"" + number(margin) + "\" y=\"" + number(base) + "\" width=\"" +
-                   number(at.right() - margin) + "\" height=\"" + number(lane_height) +
-                   "\" fill=\"#f4f6f8\"/>\n";
+    std::size_t row = 0;
+    std::size_t colour = 0;
+    for (const timing_trace &trace : all.traces) {
+        if (all.is_joined()) {
+            file << text(margin, layout::low(row++) - 4, "class=\"group\"", trace.name);
+        }
+        for (const lane &lane : trace.lanes) {
+            lane_painter painter(at, lane, row, colours[colour++ % colours.size()]);
+            file << text(at.left() - 8, layout::low(row++) - 4, "text-anchor=\"end\" class=\"label\"",
+                         shown_label(lane));
+            file << painter.draw(trace.first_us, trace.last_us, file);
         }
     }
-    svg += draw_axis(at);
-    for (std::size_t i = 0; i < trace.lanes.size(); ++i) {
-        svg += text(at.left() - 8, layout::y(i, false) - 4, "text-anchor=\"end\" class=\"label\"",
-                    trace.lanes[i].label);
-        svg += draw_lane(at, trace.lanes[i], i);
+}
+
+// Every second row, so that the eye finds the label of a lane.
+void draw_backgrounds(const timeline &all, const layout &at, output_file &file)
+{
+    std::size_t row = 0;
+    for (const timing_trace &trace : all.traces) {
+        row += all.is_joined() ? 1 : 0;
+        for (std::size_t i = 0; i < trace.lanes.size(); ++i, ++row) {
+            file << (i % 2 == 0 ? draw_background(at, row) : "");
+        }
     }
-    return svg;
 }
 
 } // namespace
 
-std::string to_svg(const timing_trace &trace, const std::string &title)
+void write_svg(const timeline &all, const std::string &title, output_file &file)
 {
-    const layout at(trace);
-    const std::string size = number(at.width(), 0) + " " + number(at.height(), 0);
-    return "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + number(at.width(), 0) + "\" height=\"" +
-           number(at.height(), 0) + "\" viewBox=\"0 0 " + size +
-           "\">\n"
-           "<style>text{font-family:'DejaVu Sans Mono',Menlo,Consolas,monospace;fill:#22303c}"
-           ".label{font-size:12px}.tick{font-size:11px}.title{font-size:14px;font-weight:bold}</style>\n"
-           "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n" +
-           text(margin, 26, "class=\"title\"", title) + draw_lanes(trace, at) + "</svg>\n";
+    const layout at(all);
+    const std::string width = number(at.width(), 0);
+    const std::string height = number(at.height(), 0);
+    file << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
+         << "\" viewBox=\"0 0 " << width << " " << height << "\">\n"
+         << "<style>text{font-family:'DejaVu Sans Mono',Menlo,Consolas,monospace;fill:#22303c}"
+            ".label{font-size:12px}.tick{font-size:11px}.group{font-size:12px;font-weight:bold}"
+            ".title{font-size:14px;font-weight:bold}</style>\n"
+         << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
+         << text(margin, 26, "class=\"title\"", title);
+    draw_backgrounds(all, at, file);
+    file << draw_axis(at);
+    draw_lanes(all, at, file);
+    file << "</svg>\n";
 }
 
 } // namespace zol_tools

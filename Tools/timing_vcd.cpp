@@ -1,17 +1,13 @@
 #include <algorithm>
+#include <bitset>
+#include <queue>
 
-#include "timing_trace.h"
+#include "timing_output.h"
 
 namespace zol_tools
 {
 namespace
 {
-
-struct change {
-    std::int64_t time_us;
-    std::size_t lane;
-    bool high;
-};
 
 // Short names of printable characters.
 std::string code_of(std::size_t lane)
@@ -35,46 +31,173 @@ std::string name_of(const std::string &label)
     return name;
 }
 
-// Adds the changes of a lane. A pulse, which takes no time in the log, lasts a microsecond.
-void add_changes(const timing_trace &trace, std::size_t index, std::vector<change> &changes)
+std::string binary(std::uint32_t value)
 {
-    const std::vector<level_at> &levels = trace.lanes[index].levels;
-    bool high = false;
-    std::int64_t rose_at = trace.first_us - 1;
-    for (const level_at &level : levels) {
-        if (level.high != high) {
-            const bool falls_at_once = !level.high && level.time_us == rose_at;
-            changes.push_back({level.time_us - trace.first_us + (falls_at_once ? 1 : 0), index, level.high});
-            rose_at = level.high ? level.time_us : rose_at;
-            high = level.high;
+    const std::string digits = std::bitset<32>(value).to_string();
+    return digits.substr(std::min(digits.find('1'), digits.size() - 1));
+}
+
+// The values of a lane over time. A pulse, which takes no time in the log, lasts a microsecond.
+class signal
+{
+public:
+    signal(const lane &lane, std::string code)
+        : lane_(&lane), code_(std::move(code)), high_(lane.initial.value_or(false)),
+          shown_(!lane.initial ? 'x'
+                 : high_       ? '1'
+                               : '0')
+    {
+    }
+
+    [[nodiscard]] std::string declared() const
+    {
+        const std::string type = lane_->is_count ? "integer 32 " : "wire 1 ";
+        return "$var " + type + code_ + " " + name_of(lane_->label) + " $end\n";
+    }
+
+    [[nodiscard]] std::string initial() const
+    {
+        return (lane_->is_count ? "bx " : std::string(1, shown_)) + code_ + "\n";
+    }
+
+    [[nodiscard]] bool has_ended() const { return !fall_us_ && place_ == lane_->marks.size(); }
+
+    /// The next step is a mark, not the end of a pulse. A mark in the microsecond of a pulse comes before its end.
+    [[nodiscard]] bool is_at_mark() const
+    {
+        return place_ < lane_->marks.size() && (!fall_us_ || lane_->marks[place_].time_us < *fall_us_);
+    }
+
+    /// The time of the next step. Not after the end.
+    [[nodiscard]] std::int64_t next_us() const
+    {
+        return is_at_mark() ? lane_->marks[place_].time_us : *fall_us_;
+    }
+
+    /// @return The change of the next step; "" if nothing changes.
+    std::string step()
+    {
+        if (is_at_mark()) {
+            return apply(lane_->marks[place_++]);
+        }
+        fall_us_.reset();
+        return show('0');
+    }
+
+private:
+    std::string apply(const mark &mark)
+    {
+        switch (mark.kind) {
+        case mark_kind::count:
+            return "b" + binary(mark.detail) + " " + code_ + "\n";
+        case mark_kind::pulse:
+            fall_us_ = high_ ? std::nullopt : std::optional(mark.time_us + 1);
+            return show('1');
+        case mark_kind::high:
+            high_ = true;
+            fall_us_.reset();
+            return show('1');
+        case mark_kind::low:
+            break;
+        }
+        high_ = false;
+        return fall_us_ ? "" : show('0');
+    }
+
+    std::string show(char value)
+    {
+        const bool changes = value != shown_;
+        shown_ = value;
+        return changes ? value + code_ + "\n" : "";
+    }
+
+    const lane *lane_;
+    std::string code_;
+    bool high_;
+    char shown_;
+    std::size_t place_ = 0;
+    std::optional<std::int64_t> fall_us_ = {};
+};
+
+std::vector<signal> declare(const timeline &all, output_file &file)
+{
+    std::vector<signal> signals;
+    file << "$timescale 1 us $end\n$scope module timing $end\n";
+    for (const timing_trace &trace : all.traces) {
+        if (all.is_joined()) {
+            file << "$scope module " << name_of(trace.name) << " $end\n";
+        }
+        for (const lane &lane : trace.lanes) {
+            signals.emplace_back(lane, code_of(signals.size()));
+            file << signals.back().declared();
+        }
+        file << (all.is_joined() ? "$upscope $end\n" : "");
+    }
+    file << "$upscope $end\n$enddefinitions $end\n#0\n$dumpvars\n";
+    for (const signal &signal : signals) {
+        file << signal.initial();
+    }
+    file << "$end\n";
+    return signals;
+}
+
+// The steps of all signals in the order of time.
+class merged_steps
+{
+public:
+    explicit merged_steps(std::vector<signal> &signals) : signals_(signals)
+    {
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            put(i);
         }
     }
-}
+
+    [[nodiscard]] bool has_ended() const { return next_.empty(); }
+    [[nodiscard]] std::int64_t next_us() const { return next_.top().first; }
+    [[nodiscard]] bool is_at_mark() const { return signals_[next_.top().second].is_at_mark(); }
+
+    std::string step()
+    {
+        const std::size_t index = next_.top().second;
+        next_.pop();
+        std::string change = signals_[index].step();
+        put(index);
+        return change;
+    }
+
+private:
+    using entry = std::pair<std::int64_t, std::size_t>;
+
+    void put(std::size_t index)
+    {
+        if (!signals_[index].has_ended()) {
+            next_.emplace(signals_[index].next_us(), index);
+        }
+    }
+
+    std::vector<signal> &signals_;
+    std::priority_queue<entry, std::vector<entry>, std::greater<>> next_;
+};
 
 } // namespace
 
-std::string to_vcd(const timing_trace &trace)
+void write_vcd(const timeline &all, const std::string &, output_file &file)
 {
-    std::string vcd = "$timescale 1 us $end\n$scope module timing $end\n";
-    std::string initial = "#0\n$dumpvars\n";
-    std::vector<change> changes;
-    for (std::size_t i = 0; i < trace.lanes.size(); ++i) {
-        vcd += "$var wire 1 " + code_of(i) + " " + name_of(trace.lanes[i].label) + " $end\n";
-        initial += "0" + code_of(i) + "\n";
-        add_changes(trace, i, changes);
-    }
-    std::stable_sort(changes.begin(), changes.end(),
-                     [](const change &a, const change &b) { return a.time_us < b.time_us; });
-    vcd += "$upscope $end\n$enddefinitions $end\n" + initial + "$end\n";
+    std::vector<signal> signals = declare(all, file);
     std::int64_t now = 0;
-    for (const change &change : changes) {
-        if (change.time_us != now) {
-            now = change.time_us;
-            vcd += "#" + std::to_string(now) + "\n";
+    for (merged_steps steps(signals); !steps.has_ended();) {
+        const std::int64_t time_us = steps.next_us() - all.first_us;
+        if (steps.is_at_mark()) {
+            file.count_mark();
         }
-        vcd += (change.high ? "1" : "0") + code_of(change.lane) + "\n";
+        const std::string change = steps.step();
+        if (time_us != now && !change.empty()) {
+            now = time_us;
+            file << "#" << std::to_string(now) << "\n";
+        }
+        file << change;
     }
-    return vcd + "#" + std::to_string(std::max(now, trace.last_us - trace.first_us) + 1) + "\n";
+    file << "#" << std::to_string(std::max(now, all.last_us - all.first_us) + 1) << "\n";
 }
 
 } // namespace zol_tools

@@ -6,7 +6,7 @@ completions=$(realpath "$1")
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 cd "$scratch" || exit 1
-touch conf.xml lamp.play log.csv log.txt
+touch conf.xml lamp.play log.csv log.txt board.json
 for command in kivtest.exe kivboard zol_timing; do
     # shellcheck source=/dev/null
     source "$completions/$command"
@@ -47,5 +47,6 @@ completes 'lamp.play' kivboard play l
 completes 'is requested' kivboard wait pin 5 ''
 completes '--socket' kivboard peek --s
 completes 'log.csv' zol_timing lo
-completes '--svg' zol_timing log.csv --s
+completes '--start --svg' zol_timing log.csv --s
+completes 'board.json' zol_timing log.csv --journal b
 exit $failed

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Checks that every manual page formats without a warning. Checks that the pages and the completions of kivtest.exe and
-# kivboard know all options, modules and commands of the tools.
+# Checks that every manual page formats without a warning. Checks that the pages and the completions of kivtest.exe,
+# kivboard and zol_timing know all options, modules and commands of the tools.
 # usage: manual.sh BUILD_DIRECTORY SOURCE_DIRECTORY KIVTEST_EXE
 set -eu
 
@@ -90,5 +90,14 @@ while read -r word; do
     plain kivboard.1 | grep -qE -- "^$word( |$)" || complain "kivboard(1) lacks $word"
     grep -qx -- "$word" "$scratch/completed" || complain "the completion of kivboard lacks $word"
 done < "$scratch/commands"
+
+# The options of zol_timing.
+"$build/bin/zol_timing" --help | grep -o '^  --[a-z]*' | tr -d ' ' > "$scratch/options"
+grep -qx -- --svg "$scratch/options" || complain "cannot read the options of zol_timing"
+completed zol_timing - > "$scratch/completed"
+while read -r option; do
+    plain zol_timing.1 | grep -qE -- "(^|, )$option( |,|$)" || complain "zol_timing(1) lacks $option"
+    grep -qx -- "$option" "$scratch/completed" || complain "the completion of zol_timing lacks $option"
+done < "$scratch/options"
 
 [ $failed -eq 0 ] && echo "$pages pages"

@@ -53,7 +53,9 @@ done
 printf 'time,rx,delta since last event,\n0.000000,0,,\n' > "$scratch/log.csv"
 expect 0 - "$timing" "$scratch/log.csv"
 expect 0 - closed "$timing" "$scratch/log.csv" --svg "$scratch/log.svg"
-expect 1 err "$timing" "$scratch/log.csv" --vcd /dev/full
+for format in svg vcd perfetto; do
+    expect 1 err "$timing" "$scratch/log.csv" --$format /dev/full
+done
 expect 2 err "$timing" "$scratch/log.csv" --svg
 
 if "$board" check 2> /dev/null; then

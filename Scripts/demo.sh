@@ -12,7 +12,7 @@ usage: Scripts/demo.sh
 
 Installs missing packages, builds, and shows the library on the virtual board: a button raises an
 interrupt, which posts an event; a worker waits for the event, reads a sensor over I2C and switches
-a lamp; a timing diagram shows each step. Then kivtest.exe writes and reads registers, and reads
+a lamp; a timing diagram shows each step, and the pins and the bus. Then kivtest.exe writes and reads registers, and reads
 the prepared tokens. Without FUSE the part on the board is skipped, with the reason.
 Exit status: 0 when every output was as expected.
 END
@@ -46,29 +46,34 @@ write_and_read() {
     expect "$5" "$logs/peek.log"
 }
 
-# Presses the button until the application has requested its interrupts. The board drops earlier ones.
+# Presses the button as soon as the application has requested its interrupts, and each time the lamp has followed.
 press_the_button() {
-    local deadline=$((SECONDS + 60))
-    until [ -z "$("$bin/kivboard" raise 17)" ]; do
-        [ $SECONDS -lt $deadline ] || fail "the application does not request the interrupts of pin 17; see $logs/button_lamp.log"
-        sleep 0.05
-    done
-    (sleep 0.002; say "raise 17"; sleep 0.002; say "raise 17") | "$bin/kivboard" -
+    "$bin/kivboard" play - > "$logs/presses.log" 2>&1 << END
+wait pin 17 requested within 60s
+raise 17
+wait pin 5 is 1 within 10s
++2ms raise 17
+wait pin 5 is 0 within 10s
++2ms raise 17
+END
 }
 
 # The timing log is in the board's /var/log/zol, which disappears with the board.
 from_a_button_to_a_lamp() {
     show "button_lamp &    # and three times: kivboard raise 17"
     "$bin/button_lamp" > "$logs/button_lamp.log" 2>&1 &
-    press_the_button
+    press_the_button || fail "the button could not be pressed; see $logs/presses.log and $logs/button_lamp.log"
     wait $! || fail "button_lamp failed; see $logs/button_lamp.log"
     grep -av '\[   KIV   \]' "$logs/button_lamp.log"
     expect "press 3: the sensor says 0x33, the lamp is on" "$logs/button_lamp.log"
     show kivboard journal
     "$bin/kivboard" journal
-    show zol_timing /var/log/zol/button_lamp.csv
-    "$bin/zol_timing" /var/log/zol/button_lamp.csv --svg build/demo/button_lamp.svg --vcd build/demo/button_lamp.vcd
+    show "kivboard journal --json | zol_timing /var/log/zol/button_lamp.csv --journal - --from 0"
+    "$bin/kivboard" journal --json |
+        "$bin/zol_timing" /var/log/zol/button_lamp.csv --journal - --from 0 --svg build/demo/button_lamp.svg \
+            --vcd build/demo/button_lamp.vcd --perfetto build/demo/button_lamp.json
     expect "wait for event" build/demo/button_lamp.svg
+    expect "i2c-4 0x18" build/demo/button_lamp.svg
 }
 
 on_the_board() {
@@ -104,6 +109,7 @@ without_the_board
 
 if [ $board = yes ]; then
     printf '\nThe timing diagram, from the button to the lamp: %s\n' "$PWD/build/demo/button_lamp.svg"
+    printf 'The same for https://ui.perfetto.dev: %s\n' "$PWD/build/demo/button_lamp.json"
     printf '\ndemo: passed\n'
 else
     printf '\ndemo: passed without the virtual board; see the reason above\n'

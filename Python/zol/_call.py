@@ -48,7 +48,12 @@ def text(value: str | os.PathLike[str], what: str) -> bytes:
 
 def payload_bytes(payload: Payload) -> bytes:
     """The bytes to send. A number or a str is refused: bytes(5) would be five zeros."""
-    return payload if isinstance(payload, bytes) else memoryview(payload).tobytes()
+    if isinstance(payload, bytes):
+        return payload
+    try:
+        return memoryview(payload).tobytes()
+    except TypeError:
+        raise TypeError(f"bytes are needed, not {type(payload).__name__}") from None
 
 
 def microseconds(seconds: float, what: str) -> int:

@@ -14,8 +14,8 @@ usage() {
     cat << END
 usage: Scripts/package.sh [PRESET [CMAKE-OPTION...]]
 
-Installs missing packages, then builds the packages libzol0, libzol-dev, kivtest and kivboard in
-build/packages, for the architecture of a preset:
+Installs missing packages, then builds the packages libzol0, libzol-dev, kivtest, kivboard and
+python3-zol in build/packages, for the architecture of a preset:
   release  this machine
   armhf    a 32-bit ARM board; run "Scripts/arm.sh build" first
 Then it checks them with lintian, and in a bare Debian (see Scripts/bare_root.sh): they are
@@ -78,7 +78,7 @@ pack() {
     if [ "$arch" != "$native" ]; then
         export DPKG_ADMINDIR=$PWD/build/target/packages-$arch/database DEB_HOST_ARCH=$arch
     fi
-    rm -rf build/packages/*_"$arch".deb
+    rm -rf build/packages/*_{"$arch",all}.deb
     cpack --config "$build/CPackConfig.cmake" -B build/packages
 }
 
@@ -90,7 +90,7 @@ check_dependencies() {
 }
 
 check_with_lintian() {
-    lintian --fail-on error --suppress-tags "$known_tags" build/packages/*_"$arch".deb
+    lintian --fail-on error --suppress-tags "$known_tags" build/packages/*_{"$arch",all}.deb
 }
 
 use_in_root() {
@@ -134,5 +134,5 @@ if [ "$arch" = "$native" ]; then
 else
     say "- not installed: this machine is $native, not $arch"
 fi
-ls build/packages/*_"$arch".deb
+ls build/packages/*_{"$arch",all}.deb
 say "packages for $arch: passed"

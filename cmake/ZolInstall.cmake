@@ -3,6 +3,7 @@
 #   development  headers, static library, examples and manual pages for applications
 #   kivtest      the tool, for the board
 #   kivboard     the virtual board, its configuration and tokens, and zol_timing, for the PC
+#   python       the package of Python and its examples
 
 include(CMakePackageConfigHelpers)
 
@@ -75,6 +76,15 @@ install(FILES Conf/conf.xml Conf/header_40_pins.xml Packaging/zol-application.se
 string(REGEX REPLACE "/libzol0$" "/libzol-dev" zol_examples ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY Examples/ DESTINATION ${zol_examples}/examples COMPONENT development
     FILES_MATCHING PATTERN *.c PATTERN *.cpp PATTERN *.play)
+
+# The package of Python, in Debian's directory of /usr. Below another prefix PYTHONPATH names the directory, and the package
+# finds the library in the directory lib.
+set(ZOL_PYTHON_DIR lib/python3/dist-packages CACHE STRING "Directory of Python packages, below the prefix")
+install(DIRECTORY Python/zol DESTINATION ${ZOL_PYTHON_DIR} COMPONENT python
+    FILES_MATCHING PATTERN *.py PATTERN py.typed PATTERN __pycache__ EXCLUDE)
+string(REGEX REPLACE "/libzol0$" "/python3-zol" zol_python_doc ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY Python/examples DESTINATION ${zol_python_doc} COMPONENT python
+    FILES_MATCHING PATTERN *.py PATTERN __pycache__ EXCLUDE)
 
 # zol_completion(<component> <command>...)
 function(zol_completion component)

@@ -17,7 +17,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/ZolPackageFinish.cmake)
 
-set(CPACK_COMPONENTS_ALL runtime development kivtest)
+set(CPACK_COMPONENTS_ALL runtime development kivtest python)
 if(TARGET kivboard)
     list(APPEND CPACK_COMPONENTS_ALL kivboard)
 endif()
@@ -87,5 +87,15 @@ foreach(relation IN ITEMS REPLACES BREAKS) # earlier versions had the configurat
     set(CPACK_DEBIAN_KIVBOARD_PACKAGE_${relation} "kivtest (<< ${PROJECT_VERSION})")
 endforeach()
 set(CPACK_DEBIAN_KIVTEST_PACKAGE_SUGGESTS kivboard)
+zol_package(python python3-zol python "python3:any (>= 3.11), libzol0 (>= ${PROJECT_VERSION})"
+"hardware services for embedded Linux boards - Python 3 module
+The package zol gives Python programs the services of libzol: I2C registers,
+GPIO pins and their interrupts, events, worker threads, timing logs, settings
+and calibration tokens. It has type hints, and readers for asyncio.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS kivboard)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/Packaging/python/postinst ${PROJECT_SOURCE_DIR}/Packaging/python/prerm)
 
 include(CPack)

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs a build and follows the README outside of the tree: runs its lines for C and C++, with pkg-config and with CMake,
 # shared and static, exactly as they are printed. Runs each application, on the installed virtual board if that can run.
+# Also installs Python's package in both ways.
 # usage: applications.sh BUILD_DIRECTORY SOURCE_DIRECTORY
 set -eu
 
@@ -69,6 +70,23 @@ for kind in shared static; do
     check ./read_register $kind
     check ./read_sensor $kind
 done
+
+# in_python DIRECTORY [LIBRARY]: Python finds its package in the directory, and the library by itself or by the environment.
+in_python() {
+    PYTHONPATH=$1 ZOL_LIBRARY=${2:-} quietly /usr/bin/python3 -c 'import sys, zol; assert zol.__file__.startswith(sys.argv[1])' \
+        "$1"
+    echo "the package of Python in ${1#"$HOME/"}: imported"
+}
+
+in_python "$HOME/zol/lib/python3/dist-packages"
+cp -r "$source/Python" .
+if /usr/bin/python3 -c 'import setuptools, wheel, pip' 2> log; then
+    quietly /usr/bin/python3 -m pip install --no-build-isolation --no-deps --target pip-packages ./Python
+    in_python "$HOME/pip-packages" "$HOME/zol/lib/libzol.so.0"
+    [ -e pip-packages/zol/py.typed ]
+else
+    echo "skipped: pip is not installed"
+fi
 
 # The CMake package still works when the installed tree is moved.
 mkdir elsewhere

@@ -56,6 +56,12 @@ for linking in "" -static; do
 done
 echo "check: applications are built with libzol-dev, shared and static, and run"
 
+apt install "$packages"/python3-zol_*.deb
+quietly kivboard run -- python3 /usr/share/doc/python3-zol/examples/events_worker.py /etc/kiv/conf.xml
+grep -q '^channel 3: 9$' log || { cat log; fail "Python's example does not run"; }
+quietly sudo python3 -c 'import zol.log' # as root, who may write compiled files
+echo "check: Python finds the library"
+
 [ "$(cat /etc/kiv/conf.xml)" = '<mine/>' ] || fail "the administrator's configuration was touched"
 sudo cp /usr/share/doc/libzol0/examples/conf.xml /etc/kiv/conf.xml
 quietly kivtest.exe -t kiv_i2c
@@ -66,7 +72,7 @@ for page in man1/kivtest.exe.1 man3/libzol.3 man3/kiv_i2c_open.3 man5/kiv_conf.5
 done
 echo "check: the example for a board, the completions and the manual are there"
 
-quietly sudo dpkg --purge libzol-dev kivtest kivboard libzol0
+quietly sudo dpkg --purge python3-zol libzol-dev kivtest kivboard libzol0
 [ -z "$(ours)" ] || fail "left behind: $(ours)"
 ! /sbin/ldconfig -p | grep libzol || fail "the loader still knows libzol"
 ! dpkg-query -W -f '${Package}\n' | grep -E 'zol|kiv' || fail "dpkg still knows the packages"

@@ -41,6 +41,12 @@ more_instructions() {
     printf '%-58s %12d %28d  %s\n' "$1" "$more" "$4" "$(verdict "$more" "$4")"
 }
 
+measure_python() {
+    PYTHONPATH=Python ZOL_LIBRARY=build/bench/lib/libzol.so.0 \
+        taskset -c 0 "$bin/kivboard" run --board Bench/kiv_board.xml -- \
+        taskset -c 0 Bench/python_calls.py "$bin/zol_python_calls" Conf/kiv_test.xml | sed '/^T /d'
+}
+
 answer_help "$@"
 for option in "$@"; do
     [[ $option == --benchmark_* ]] || wrong_usage
@@ -56,6 +62,7 @@ say ""
 if "$bin/kivboard" check; then
     # The board stays on one core. The benchmarks that use it run on the same core, the others on all cores.
     taskset -c 0 "$bin/kivboard" run --board Bench/kiv_board.xml -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@"
+    measure_python
 else
     "$bin/zol_bench" --benchmark_filter='-^(i2c|gpio)/' "$@"
 fi

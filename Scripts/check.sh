@@ -4,7 +4,7 @@
 # shellcheck source=Scripts/common.sh
 source "$(dirname "$0")/common.sh"
 
-readonly all=(format shell layers docs cppcheck tidy abi coverage instructions)
+readonly all=(format shell python layers docs cppcheck tidy abi coverage instructions)
 readonly analysed=(Src Board Tools Examples) # by clang-tidy
 readonly tidy_patience=600                   # seconds without a finished file
 readonly skipped_status=77
@@ -14,6 +14,7 @@ readonly floors='93 83' floors_without_board='88 78'
 declare -rA packages=(
     [format]='git clang-format'
     [shell]='git shellcheck'
+    [python]='git mypy pyflakes3'
     [layers]='python3'
     [docs]='doxygen'
     [cppcheck]='cppcheck'
@@ -31,6 +32,7 @@ usage: Scripts/check.sh [CHECK...]
 Installs missing packages and runs these checks, by default all:
   format    clang-format agrees with the C and C++ sources
   shell     shellcheck finds no fault in the scripts and completions
+  python    mypy and pyflakes find no fault in the package of Python, its examples, and the scripts
   layers    the #include lines of Src agree with the picture in Docs/architecture.md, and no
             module includes a private header of another
   docs      every public name has a comment, and no reference in the documents is broken
@@ -71,6 +73,13 @@ check_shell() {
     mapfile -t completions < <(git ls-files Tools/completion)
     told="$((${#scripts[@]} + ${#completions[@]})) files"
     shellcheck -x "${scripts[@]}" && shellcheck -s bash "${completions[@]}"
+}
+
+check_python() {
+    local files
+    mapfile -t files < <(sources py)
+    told="${#files[@]} files"
+    pyflakes3 "${files[@]}" && MYPYPATH=Python mypy --strict --cache-dir "$logs/mypy" Python/zol Python/examples/*.py
 }
 
 check_layers() {

@@ -20,13 +20,20 @@ END
 # Makes a page for each example: its first comment, then its code.
 describe_examples() {
     local example name
-    mkdir build/docs/examples
+    mkdir -p build/docs/examples/python
     for example in Examples/*.c Examples/*.cpp; do
         name=$(basename "$example")
         printf '/**\n * @example %s\n * @details\n' "$name"
         sed -n '2,/^ \*\/$/p' "$example"
         sed '1,/^ \*\/$/d' "$example" > "build/docs/examples/$name"
     done > build/docs/examples.dox
+    for example in Python/examples/*.py; do
+        name=python/$(basename "$example")
+        printf '/**\n * @example %s\n * @details\n' "$name"
+        sed -n '1,/^"""$/{s/"""//; s/^/ * /; p}' "$example"
+        printf ' */\n'
+        sed '1,/^"""$/d' "$example" > "build/docs/examples/$name"
+    done >> build/docs/examples.dox
 }
 
 make_site() {

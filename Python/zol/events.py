@@ -121,8 +121,7 @@ class _Waiter:
 
     def take(self, us: int) -> dict[str, bytes]:
         """Waits once, and takes a payload of each event that has been notified."""
-        what = f"event {', '.join(map(repr, self._names))}"
-        call(what, library.kiv_events_wait_for, self._entries, len(self._names), us)
+        call(self, library.kiv_events_wait_for, self._entries, len(self._names), us)
         return {name: self._payload(name, entry, buffer)
                 for name, entry, buffer in zip(self._names, self._entries, self._buffers) if entry.fired}
 
@@ -130,7 +129,10 @@ class _Waiter:
         if entry.actual_sz > self._room:
             warnings.warn(f"a payload of event {name!r} was cut to {self._room} bytes: ask for more room",
                           RuntimeWarning, stacklevel=4)
-        return buffer.raw[:min(entry.actual_sz, self._room)]
+        return ctypes.string_at(buffer, min(entry.actual_sz, self._room))
+
+    def __str__(self) -> str:
+        return f"event {', '.join(map(repr, self._names))}"
 
 
 def wait_for(*events: Event | str, timeout: float | None = None, room: int = ROOM) -> dict[str, bytes]:
@@ -162,7 +164,7 @@ def _milliseconds(seconds: float) -> int:
 
 
 def _gets_signals() -> bool:
-    return threading.current_thread() is threading.main_thread()
+    return threading.get_ident() == threading.main_thread().ident
 
 
 def notify(name: str, payload: Payload = b"", user_arg: int = 0) -> None:

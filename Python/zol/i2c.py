@@ -55,7 +55,7 @@ class I2cDevice(Owner):
         with self._lock:
             self._check_open()
             call(self, function, self._handle, register, count, out)
-        return out.raw[:count]
+        return ctypes.string_at(out, count)
 
     def _write(self, function: Any, register: int, values: Payload) -> None:
         data = payload_bytes(values)

@@ -8,6 +8,6 @@ trap 'rm -rf "$scratch"' EXIT
 
 # The code block of the README in the language of the example.
 sed -n "/^\`\`\`${2##*.}\$/,/^\`\`\`\$/p" "$1" | sed '1d;$d' > "$scratch/shown"
-sed '1,/^ \*\/$/d' "$2" > "$scratch/built"
+sed '1,/^\( \*\/\|"""\)$/d' "$2" > "$scratch/built" # without the first comment
 [ -s "$scratch/built" ]
 diff -u --label README --label example "$scratch/shown" "$scratch/built"

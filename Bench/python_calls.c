@@ -2,6 +2,7 @@
  * The time of some calls in C, for python_calls.py, which makes the same calls in Python: a line with the name and the
  * nanoseconds of each, the fastest of some repetitions.
  */
+#define _POSIX_C_SOURCE 200809L
 #include <stdint.h>
 #include <stdio.h>
 #include <time.h>

@@ -115,7 +115,29 @@ class Pin(Owner):
         return f"pin {self.number}"
 
 
-class Interrupts(Owner):
+class _Reader(Owner):
+    """Watches a pin until it is closed or forgotten, so it needs no `with` block in a loop."""
+
+    def __init__(self, pin: Pin, trigger: Trigger, take: Callable[[Interrupt], object]) -> None:
+        self._pin = pin
+        # The callback does not refer to the reader, so that the reader can go.
+        pin.watch(trigger, lambda number: take(Interrupt(number, time.monotonic())))
+        self._word = pin._word
+        self._opened()
+
+    def _release(self) -> None:
+        if self._word in _watched:  # otherwise the pin was closed, or unwatched
+            self._pin.unwatch()
+
+    def __del__(self) -> None:
+        with contextlib.suppress(ZolError):
+            self.close()
+
+    def __str__(self) -> str:
+        return f"reader of {self._pin}"
+
+
+class Interrupts(_Reader):
     """The interrupts of a pin since events() was called, as an iterator. None is lost: they wait to be taken.
 
     The iterator raises Timeout when no interrupt has come for `timeout` seconds; it can go on afterwards. The
@@ -124,16 +146,9 @@ class Interrupts(Owner):
 
     def __init__(self, pin: Pin, trigger: Trigger, timeout: float | None) -> None:
         """Made by Pin.events()."""
-        self._pin = pin
         self._timeout = timeout
         self._queue: queue.SimpleQueue[Interrupt] = queue.SimpleQueue()
-        put = self._queue.put  # the callback refers to the queue alone, so that the iterator can go
-        pin.watch(trigger, lambda number: put(Interrupt(number, time.monotonic())))
-        self._opened()
-
-    def _release(self) -> None:
-        if not self._pin.closed:
-            self._pin.unwatch()
+        super().__init__(pin, trigger, self._queue.put)
 
     def get(self, timeout: float | None = None) -> Interrupt:
         """The next interrupt. Raises Timeout if none comes within so many seconds."""
@@ -149,15 +164,8 @@ class Interrupts(Owner):
     def __next__(self) -> Interrupt:
         return self.get(self._timeout)
 
-    def __del__(self) -> None:
-        with contextlib.suppress(ZolError):
-            self.close()
 
-    def __str__(self) -> str:
-        return f"iterator of {self._pin}"
-
-
-class AsyncInterrupts(Owner):
+class AsyncInterrupts(_Reader):
     """The interrupts of a pin since async_events() was called, for `async for`.
 
     with button.async_events(zol.Trigger.RISING) as presses:
@@ -169,19 +177,9 @@ class AsyncInterrupts(Owner):
 
     def __init__(self, pin: Pin, trigger: Trigger) -> None:
         """Made by Pin.async_events()."""
-        self._pin = pin
         self._queue: asyncio.Queue[Interrupt] = asyncio.Queue()
         loop, put = asyncio.get_running_loop(), self._queue.put_nowait
-
-        def on_interrupt(number: int) -> None:
-            loop.call_soon_threadsafe(put, Interrupt(number, time.monotonic()))
-
-        pin.watch(trigger, on_interrupt)
-        self._opened()
-
-    def _release(self) -> None:
-        if not self._pin.closed:
-            self._pin.unwatch()
+        super().__init__(pin, trigger, lambda interrupt: loop.call_soon_threadsafe(put, interrupt))
 
     async def get(self) -> Interrupt:
         """The next interrupt."""
@@ -193,9 +191,6 @@ class AsyncInterrupts(Owner):
 
     async def __anext__(self) -> Interrupt:
         return await self.get()
-
-    def __str__(self) -> str:
-        return f"reader of {self._pin}"
 
 
 def simulate(on: bool) -> None:

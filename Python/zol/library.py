@@ -3,11 +3,13 @@
 from __future__ import annotations
 
 import atexit
+import contextlib
 import ctypes
 import os
 
 from zol._call import Owner, call, text
 from zol._native import library
+from zol.errors import ZolError
 
 
 class Library(Owner):
@@ -50,4 +52,5 @@ def version() -> str:
 def _stop_at_exit() -> None:
     """No callback may come while the interpreter ends: it would end the library's thread in the middle."""
     if Library._started is not None:
-        Library._started.close()
+        with contextlib.suppress(ZolError):  # the library's log tells the reason
+            Library._started.close()

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import atexit
+import contextlib
 import ctypes
 import itertools
 from collections.abc import Callable
@@ -11,6 +12,7 @@ from typing import Any, NamedTuple
 from zol import _native
 from zol._call import UINT32_MAX, Owner, Payload, call, integer, microseconds, payload_bytes, text
 from zol._native import library
+from zol.errors import ZolError
 
 EXIT = 2  #: the id of a worker's last message
 TIMEOUT = 3  #: the id of the message that stands for a wait without one
@@ -173,4 +175,5 @@ class Worker(Owner):
 def _stop_at_exit() -> None:
     """No handler may run while the interpreter ends: it would end the library's thread in the middle."""
     for worker in list(_running.values()):
-        worker.close()
+        with contextlib.suppress(ZolError):  # in a forked child, which has no such thread
+            worker.close()

@@ -2,6 +2,7 @@
 import asyncio
 import faulthandler
 import gc
+import os
 import subprocess
 import sys
 import threading
@@ -77,16 +78,20 @@ def iterate():
             print("iterated:", len(times), times == sorted(times), fails(presses.get, 0.01))
         presses = button.events(zol.Trigger.RISING)
         del presses  # the pin is free for the next
-        button.events(zol.Trigger.RISING).close()
+        presses = button.events(zol.Trigger.RISING)
+        button.unwatch()
+        button.watch(zol.Trigger.RISING, print)
+        presses.close()  # leaves the watch of another alone
+        button.unwatch()
 
 
 async def listen():
-    with zol.Pin(20) as button, zol.Pin(18) as door, button.async_events(zol.Trigger.RISING) as presses:
+    with zol.Pin(20) as button, zol.Pin(21) as door, button.async_events(zol.Trigger.RISING) as presses:
         with door.async_events(zol.Trigger.BOTH_EDGES) as opened:
             task = asyncio.create_task(opened.get())
             await asyncio.to_thread(interrupt, 3, 20)
             pins = [(await presses.get()).pin for _ in range(3)]
-            await asyncio.to_thread(interrupt, 1, 18)
+            await asyncio.to_thread(interrupt, 1, 21)
             print("asyncio:", pins, (await task).pin)
             try:
                 async with asyncio.timeout(0.01):
@@ -128,3 +133,8 @@ with zol.Library("Conf/kiv_test.xml"):
     iterate()
     asyncio.run(listen())
     storm()
+
+# The end of the interpreter stops what is left open, while interrupts stream in.
+started = zol.Library("Conf/kiv_test.xml")
+zol.Pin(17).watch(zol.Trigger.RISING, lambda number: sum(range(300)))
+os.system("kivboard raise 17 1000 &")

@@ -68,7 +68,8 @@ def main(program, configuration):
         rounds = []
         for _ in range(ROUNDS):
             in_c = fastest_in_c(program, configuration)
-            rounds += [{name: (fastest(ours), fastest(bare), in_c[name]) for name, (ours, bare) in calls.items()}]
+            rounds += [{name: (fastest(ours), fastest(bare), in_c[name])
+                        for name, (ours, bare) in calls.items()}]
         for name in calls:
             times = [min(column) for column in zip(*(measured[name] for measured in rounds))]
             print(f"{name:36}" + "".join(f"{ns:14.1f}" for ns in times) + f"{times[0] / times[2]:10.2f}")

@@ -14,7 +14,7 @@ readonly floors='93 83' floors_without_board='88 78'
 declare -rA packages=(
     [format]='git clang-format'
     [shell]='git shellcheck'
-    [python]='git mypy pyflakes3'
+    [python]='git mypy pyflakes3 pycodestyle'
     [layers]='python3'
     [docs]='doxygen'
     [cppcheck]='cppcheck'
@@ -32,7 +32,8 @@ usage: Scripts/check.sh [CHECK...]
 Installs missing packages and runs these checks, by default all:
   format    clang-format agrees with the C and C++ sources
   shell     shellcheck finds no fault in the scripts and completions
-  python    mypy and pyflakes find no fault in the package of Python, its examples, and the scripts
+  python    mypy and pycodestyle find no fault in the package of Python and its examples, pyflakes
+            none in all files of Python
   layers    the #include lines of Src agree with the picture in Docs/architecture.md, and no
             module includes a private header of another
   docs      every public name has a comment, and no reference in the documents is broken
@@ -79,7 +80,7 @@ check_python() {
     local files
     mapfile -t files < <(sources py)
     told="${#files[@]} files"
-    pyflakes3 "${files[@]}" && MYPYPATH=Python mypy --strict --cache-dir "$logs/mypy" Python/zol Python/examples/*.py
+    pyflakes3 "${files[@]}" && pycodestyle --max-line-length=110 Python && MYPYPATH=Python mypy --strict --cache-dir "$logs/mypy" Python/zol Python/examples/*.py
 }
 
 check_layers() {

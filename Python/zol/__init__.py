@@ -11,8 +11,8 @@ seconds. The interpreter lock is released during every call of the library.
 """
 
 from zol import config, errors, events, gpio, log, tokens
-from zol.errors import (InvalidParamError, NoMemoryError, NotFoundError, OpenError, StateError, SystemCallError,
-                        Timeout, UnimplementedError, WriteError, ZolError)
+from zol.errors import (InvalidParamError, NoMemoryError, NotFoundError, OpenError, StateError,
+                        SystemCallError, Timeout, UnimplementedError, WriteError, ZolError)
 from zol.events import Event, EventGroup, wait_for
 from zol.gpio import Interrupt, Pin, Trigger
 from zol.i2c import I2cDevice
@@ -21,8 +21,8 @@ from zol.timing import TimingLog
 from zol.worker import Message, Worker
 
 __all__ = [
-    "Event", "EventGroup", "I2cDevice", "Interrupt", "InvalidParamError", "Library", "Message", "NoMemoryError",
-    "NotFoundError", "OpenError", "Pin", "StateError", "SystemCallError", "Timeout", "TimingLog", "Trigger",
-    "UnimplementedError", "Worker", "WriteError", "ZolError", "config", "errors", "events", "gpio", "log",
-    "tokens", "version", "wait_for",
+    "Event", "EventGroup", "I2cDevice", "Interrupt", "InvalidParamError", "Library", "Message",
+    "NoMemoryError", "NotFoundError", "OpenError", "Pin", "StateError", "SystemCallError", "Timeout",
+    "TimingLog", "Trigger", "UnimplementedError", "Worker", "WriteError", "ZolError", "config", "errors",
+    "events", "gpio", "log", "tokens", "version", "wait_for",
 ]

@@ -55,8 +55,8 @@ class ThreadParams(Structure):
 
 # Set afterwards, because the handler's parameters name the record.
 Thread._fields_ = [("name", c_char * 64), ("priority", c_uint32), ("handler", ThreadHandler),
-                   ("timeout", c_int32), ("userData", c_void_p), ("gthread", c_void_p), ("msgQueue", c_void_p),
-                   ("running", c_int32)]
+                   ("timeout", c_int32), ("userData", c_void_p), ("gthread", c_void_p),
+                   ("msgQueue", c_void_p), ("running", c_int32)]
 
 
 class TimingLane(Structure):
@@ -144,7 +144,7 @@ LEFT_OUT = {
 
 
 def _file() -> str:
-    """The shared library: the one that the environment names, the one beside this package, or the system's."""
+    """The library that the environment names, the one beside this package, or the system's."""
     name = "libzol.so.0"
     beside = pathlib.Path(__file__).resolve().parents[3] / name  # PREFIX/lib/python3/dist-packages/zol
     return os.environ.get("ZOL_LIBRARY") or (str(beside) if beside.exists() else name)

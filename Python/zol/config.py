@@ -25,7 +25,7 @@ def get_int(section: str, name: str) -> int | None:
 
 
 def parse_int(number: str) -> int:
-    """Reads a number by the rules of the configuration: 0x1f, 31, 1f. Raises InvalidParamError if it is none."""
+    """Reads a number by the rules of the configuration: 0x1f, 31, 1f. Raises InvalidParamError."""
     value = ctypes.c_int32()
     call(repr(number), library.kiv_atoi, text(number, "number"), value)
     return value.value

@@ -1,4 +1,4 @@
-"""The errors of the library. Each has the status of the C interface and the errno of the system call, if any."""
+"""The errors of the library. Each has the status of the C interface, and the errno of the system call."""
 
 from __future__ import annotations
 
@@ -81,8 +81,8 @@ class StateError(ZolError):
 
 
 _CLASSES = {error.status: error for error in (
-    InvalidParamError, OpenError, NotFoundError, WriteError, SystemCallError, NoMemoryError, UnimplementedError,
-    Timeout, StateError)}
+    InvalidParamError, OpenError, NotFoundError, WriteError, SystemCallError, NoMemoryError,
+    UnimplementedError, Timeout, StateError)}
 
 
 def error_of(status: int, errno: int, what: str) -> ZolError:

@@ -1,5 +1,5 @@
-# Compares the declarations of Python's package zol with the public headers: every name, its result and parameters, the
-# records' members and sizes. Names that Python leaves out have a reason in the package.
+# Compares the declarations of Python's package zol with the public headers: every name, its result and
+# parameters, the records' members and sizes. Names that Python leaves out have a reason in the package.
 # usage: python_declarations.py HEADER_DIRECTORY LAYOUT_C
 import ctypes
 import pathlib
@@ -10,11 +10,11 @@ from zol import _native
 
 RECORDS = {name: f"{record.__name__}*" for name, record in _native.RECORDS.items()}
 # How a type of C looks in a declaration of ctypes. Buffers and handles are pointers without a type.
-ALIKE = {"int": "int32_t", "uintptr_t": "size_t", "kiv_gpio_cbk": "function", "kiv_thread_handler": "function",
-         "kiv_events_notify_cb": "pointer"}
+ALIKE = {"int": "int32_t", "uintptr_t": "size_t", "kiv_gpio_cbk": "function",
+         "kiv_thread_handler": "function", "kiv_events_notify_cb": "pointer"}
 POINTERS = {"int32_t*", "uint32_t*"} | {f"{record.__name__}*" for record in _native.RECORDS.values()}
-SCALARS = {ctypes.c_int32: "int32_t", ctypes.c_uint32: "uint32_t", ctypes.c_uint16: "uint16_t", ctypes.c_uint8: "uint8_t",
-           ctypes.c_size_t: "size_t", None: "void"}
+SCALARS = {ctypes.c_int32: "int32_t", ctypes.c_uint32: "uint32_t", ctypes.c_uint16: "uint16_t",
+           ctypes.c_uint8: "uint8_t", ctypes.c_size_t: "size_t", None: "void"}
 
 
 def category_in_c(declared):
@@ -41,12 +41,14 @@ def category_in_python(declared):
 
 def declarations(text):
     """The marked declarations of the headers, as (name, [result, parameter, ...])."""
-    for declared in re.findall(r"KIV_API\s([^;]*?)\s*(?:KIV_(?:PRINTF|SCANF)_LIKE\([^)]*\))?;", text):
+    marked = r"KIV_API\s([^;]*?)\s*(?:KIV_(?:PRINTF|SCANF)_LIKE\([^)]*\))?;"
+    for declared in re.findall(marked, text):
         result, name, parameters = re.match(r"(.*?)(\w+)(?:\[.*|\((.*)\))?$", declared, re.S).groups()
         if parameters is None:
             yield name, None
         else:
-            yield name, [result] + [word for word in re.split(r",\s*", parameters) if word not in ("void", "")]
+            words = re.split(r",\s*", parameters)
+            yield name, [result] + [word for word in words if word not in ("void", "")]
 
 
 def compare_function(name, declared):
@@ -67,7 +69,8 @@ def compare_records(text, layout):
 
 
 def main(headers, layout):
-    text = re.sub(r"/\*.*?\*/", "", "".join(path.read_text() for path in pathlib.Path(headers).glob("*.h")), flags=re.S)
+    text = "".join(path.read_text() for path in pathlib.Path(headers).glob("*.h"))
+    text = re.sub(r"/\*.*?\*/", "", text, flags=re.S)
     text = "\n".join(line for line in text.splitlines() if not line.lstrip().startswith("#"))
     declared = dict(declarations(text))
     bound = {*_native.FUNCTIONS, *_native.VARIABLES}
@@ -80,7 +83,8 @@ def main(headers, layout):
     for name in sorted(set(_native.FUNCTIONS) & set(declared)):
         faults += compare_function(name, declared[name])
     faults += compare_records(text, pathlib.Path(layout).read_text())
-    print(*faults or [f"{len(_native.FUNCTIONS)} functions, {len(_native.RECORDS)} records: as in the headers"], sep="\n")
+    passed = f"{len(_native.FUNCTIONS)} functions, {len(_native.RECORDS)} records: as in the headers"
+    print(*faults or [passed], sep="\n")
     return len(faults) > 0 or len(declared) < 80
 
 

@@ -36,13 +36,13 @@ def payloads(door, gate):
 
 
 def refusals(group, door):
-    print("refused:", fails(door.wait, 0.01), fails(door.wait, 0), fails(door.notify, 5), fails(door.notify, "text"),
-          fails(zol.wait_for, "nobody", timeout=1), fails(zol.wait_for), fails(group.close),
-          fails(zol.Event, group, "a\0b"), sep="\n  ")
+    print("refused:", fails(door.wait, 0.01), fails(door.wait, 0), fails(door.notify, 5),
+          fails(door.notify, "text"), fails(zol.wait_for, "nobody", timeout=1), fails(zol.wait_for),
+          fails(group.close), fails(zol.Event, group, "a\0b"), sep="\n  ")
 
 
 def interpreter_is_free(door):
-    """Counts while another thread is in the library, which would never end if it kept the interpreter's lock."""
+    """Counts while another thread is in the library. With the interpreter's lock it would stay there."""
     taken = []
     waiter = threading.Thread(target=lambda: taken.append(door.wait()))
     waiter.start()
@@ -97,8 +97,8 @@ async def loop(door, gate):
     print("closed:", repr((await asyncio.gather(task, return_exceptions=True))[0]))
 
 
-with zol.Library("Conf/kiv_test.xml"), zol.EventGroup("sensors") as sensors, zol.Event(sensors, "door") as door:
-    with zol.Event(sensors, "gate") as gate:
+with zol.Library("Conf/kiv_test.xml"), zol.EventGroup("sensors") as sensors:
+    with zol.Event(sensors, "door") as door, zol.Event(sensors, "gate") as gate:
         payloads(door, gate)
         refusals(sensors, door)
         interpreter_is_free(door)

@@ -101,7 +101,7 @@ async def listen():
 
 
 def storm():
-    """Watches and reads while interrupts stream in. Each call waits for callbacks, which want the interpreter."""
+    """Watches and reads while interrupts stream in. Calls wait for callbacks, which want the interpreter."""
     over = threading.Event()
     calls = []
 

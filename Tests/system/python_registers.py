@@ -1,4 +1,4 @@
-# I2C registers, settings, tokens, the timing log and the log through Python's package zol. Prints the answers.
+# I2C registers, settings, tokens and logs through Python's package zol. Prints the answers.
 import logging
 import pickle
 import threading
@@ -18,10 +18,12 @@ def registers():
     with zol.I2cDevice(4, 0x18) as sensor, zol.I2cDevice(1, 0x50) as eeprom:
         sensor.write_reg8(0x50, b"\x11\x22")  # both go to one register
         eeprom.write_reg16(0x0123, bytearray(b"\x5a"))
-        print(sensor.read_reg8(0x0f), sensor.read_reg8(0x50, 2), eeprom.read_reg16(0x0123, 2), sensor.read_reg8(0, 0))
+        print(sensor.read_reg8(0x0f), sensor.read_reg8(0x50, 2), eeprom.read_reg16(0x0123, 2),
+              sensor.read_reg8(0, 0))
         print(fails(sensor.read_reg8, 0x100), fails(sensor.read_reg8, 0, -1), fails(sensor.write_reg8, 0, 5),
               fails(sensor.write_reg8, 0, b""), fails(sensor.read_reg8, 0, 9000), sep="\n")
-        threads = [threading.Thread(target=lambda: [sensor.read_reg8(0x0f) for _ in range(100)]) for _ in range(4)]
+        threads = [threading.Thread(target=lambda: [sensor.read_reg8(0x0f) for _ in range(100)])
+                   for _ in range(4)]
         for thread in threads:
             thread.start()
         for thread in threads:
@@ -35,7 +37,8 @@ def errors():
             protected.write_reg16(0, b"\1")
     except zol.WriteError as error:
         copy = pickle.loads(pickle.dumps(error))
-        print(error, error.status, error.errno, (type(copy), str(copy)) == (type(error), str(error)), sep="\n")
+        is_same = (type(copy), str(copy)) == (type(error), str(error))
+        print(error, error.status, error.errno, is_same, sep="\n")
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter("always")
         zol.I2cDevice(4, 0x18)
@@ -46,8 +49,8 @@ def settings():
     print(zol.config.get("general", "configName"), zol.config.get("general", "nothing"),
           zol.config.get_int("general", "i2c_buses_num"), zol.config.get_int("general", "configName"),
           zol.config.parse_int("0x1F"), zol.config.parse_int("ff"), fails(zol.config.parse_int, "much"))
-    print(zol.tokens.directory(), zol.tokens.exists("BINTOKEN"), zol.tokens.exists("NONE"), zol.tokens.size("BINTOKEN"),
-          zol.tokens.read("BINTOKEN")[:4], fails(zol.tokens.read, "NONE"))
+    print(zol.tokens.directory(), zol.tokens.exists("BINTOKEN"), zol.tokens.exists("NONE"),
+          zol.tokens.size("BINTOKEN"), zol.tokens.read("BINTOKEN")[:4], fails(zol.tokens.read, "NONE"))
 
 
 def timing():

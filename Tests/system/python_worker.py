@@ -98,5 +98,6 @@ endings()
 idle()
 collected()
 crowd()
-print("refused:", fails(zol.Worker, "x", print), fails(zol.Worker, "xy", print, idle=float("nan")), sep="\n  ")
+print("refused:", fails(zol.Worker, "x", print), fails(zol.Worker, "xy", print, idle=float("nan")),
+      sep="\n  ")
 last = zol.Worker("last", lambda message: print("the last message:", message.is_exit))

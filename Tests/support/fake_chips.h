@@ -59,14 +59,14 @@ public:
         return (request >> 8 & 0xff) == 0xB4 ? installed_ : nullptr;
     }
 
-    int open(const char *path, int flags)
+    int open(const char *path)
     {
         const auto number = static_cast<std::size_t>(std::atoi(path + prefix.size()));
         if (number >= chips_.size()) {
             errno = ENOENT;
             return -1;
         }
-        const int fd = (flags & O_CLOEXEC) != 0 ? dup(0) : -1;
+        const int fd = dup(0);
         numbers_[fd] = number;
         return fd;
     }

@@ -64,13 +64,12 @@ long fake_gpio::own_descriptors()
     return static_cast<long>(nodes_.size());
 }
 
-int fake_gpio::open(const char *path, int flags)
+int fake_gpio::open(const char *path)
 {
     std::string name = path + directory.size();
     std::replace(name.begin(), name.end(), '/', ' ');
     fake_gpio_node &opened = find(name);
-    // A program that is started must not inherit a pin.
-    const int fd = (flags & O_CLOEXEC) != 0 ? dup(opened.line.get()) : -1;
+    const int fd = dup(opened.line.get());
     if (fd >= 0) {
         g_nodes[fd] = &opened;
     }

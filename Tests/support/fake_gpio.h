@@ -62,7 +62,7 @@ public:
     static bool has(const char *path);
     static fake_gpio_node *of(int fd); // null when the descriptor is none of a node
     static void forget(int fd);
-    int open(const char *path, int flags);
+    int open(const char *path);
     ssize_t write(fake_gpio_node &node, const char *data, std::size_t size);
     static ssize_t read(fake_gpio_node &node, int fd, char *data, std::size_t size);
     static off_t seek(fake_gpio_node &node) { return node.fails(on_seek) ? -1 : 0; }

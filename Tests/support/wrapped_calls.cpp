@@ -126,10 +126,11 @@ WRAPPED(int, clock_gettime, (clockid_t clock, timespec *ts), -1, EINVAL,
         fake_host::time(clock, *ts) ? 0 : __real_clock_gettime(clock, ts))
 WRAPPED(int, poll, (pollfd * fds, nfds_t count, int timeout), -1, ENOMEM,
         pins() != nullptr ? pins()->poll(fds, count, timeout) : __real_poll(fds, count, timeout))
-// The library creates no file, so there is no mode to pass on.
+// The library creates no file, so there is no mode to pass on. A program that is started must not inherit a descriptor.
 WRAPPED(int, open, (const char *path, int flags, ...), -1, EMFILE,
-        fake_gpio::has(path)              ? pins()->open(path, flags)
-        : fake_chips::of(path) != nullptr ? fake_chips::of(path)->open(path, flags)
+        (flags & O_CLOEXEC) == 0          ? -1
+        : fake_gpio::has(path)            ? pins()->open(path)
+        : fake_chips::of(path) != nullptr ? fake_chips::of(path)->open(path)
                                           : __real_open(path, flags))
 WRAPPED(ssize_t, write, (int fd, const void *data, std::size_t size), -1, EIO,
         fake_gpio::of(fd) != nullptr

@@ -42,7 +42,7 @@ protected:
     kiv_tl_ctx *open_log(const std::string &name)
     {
         kiv_tl_ctx *const log = kiv_tl_init(name.c_str(), map_);
-        EXPECT_NE(log, nullptr);
+        EXPECT_TRUE(log != nullptr && fcntl(fileno(log->fp), F_GETFD) == FD_CLOEXEC);
         return log;
     }
 
@@ -253,6 +253,12 @@ TEST_F(TimingLog, ReportsFilesThatItCannotOpen)
         const zol_test::fake_host elsewhere(scratch_.path() / "none" / "below");
         EXPECT_EQ(kiv_tl_init("x", map_), nullptr);
         EXPECT_TRUE(capture_.has("ERRR", "can't create dir /var/log/zol"));
+    }
+    { // it exists only when it is to be made, as when another process is as fast
+        std::filesystem::create_symlink(scratch_.path() / "none", scratch_.path() / "link");
+        const zol_test::fake_host raced(scratch_.path() / "link");
+        EXPECT_EQ(kiv_tl_init("raced", map_), nullptr);
+        EXPECT_TRUE(capture_.has("ERRR", "can't fopen: /var/log/zol/raced.csv"));
     }
     const zol_test::fake_host made(scratch_.path() / "made");
     if (getuid() == 0) { // the directory is made without the right to enter it

@@ -138,6 +138,9 @@ kiv_tl_ctx *kiv_tl_init(const char *name, kiv_tl_map_entry *map)
     log->start_time = now();
     log->map = map;
     report_labels(call_site::here(), name, map);
+    if (name == nullptr) {
+        KIV_LOG_ERRR("a timing log needs a name\n");
+    }
     if (name == nullptr || !kiv_tl_init_logfile(*log, name)) {
         KIV_LOG_ERRR("logfile init failed\n");
         close_file(*log);

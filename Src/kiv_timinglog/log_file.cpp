@@ -20,10 +20,16 @@ constexpr char logfile_step[] = "kiv_tl_init_logfile";
 bool has_directory()
 {
     struct stat status = {};
-    if (stat(log_directory, &status) == 0 || mkdir(log_directory, 0666) == 0) {
+    if (stat(log_directory, &status) == 0) {
         return true;
     }
+    const bool was_missing = errno == ENOENT;
+    if (mkdir(log_directory, 0666) == 0 || (was_missing && errno == EEXIST)) {
+        return true; // another process may have made it since the look
+    }
+    const int error = errno;
     KIV_LOG_AS(logfile_step, ERRR, "can't create dir %s\n", log_directory);
+    KIV_LOG_AS(logfile_step, ERRR, "errno %d: %s\n", error, g_strerror(error));
     return false;
 }
 

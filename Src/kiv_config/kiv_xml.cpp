@@ -106,7 +106,7 @@ int32_t kiv_xml_delete(struct _xmlDoc *doc)
 int32_t kiv_xml_scanElementContent(struct _xmlDoc *doc, const char *element, const char *format, ...)
 {
     xmlNode *node = nullptr;
-    if (!KIV_HOLDS(format != nullptr)) {
+    if (!KIV_GIVEN(format != nullptr, "no format")) {
         return KIV_ERR_INVALID_PARAM;
     }
     const int32_t status = find_element(doc, element, node, kiv::call_site::here());
@@ -126,7 +126,7 @@ int32_t kiv_xml_scanAttribute(struct _xmlDoc *doc, const char *element, const ch
                               const char *format, ...)
 {
     xmlNode *node = nullptr;
-    if (!KIV_HOLDS(attribute != nullptr && format != nullptr)) {
+    if (!KIV_GIVEN(attribute != nullptr && format != nullptr, "no attribute name, or no format")) {
         return KIV_ERR_INVALID_PARAM;
     }
     const int32_t status = find_element(doc, element, node, kiv::call_site::here());

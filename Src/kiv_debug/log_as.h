@@ -67,3 +67,12 @@ struct call_site {
 #define KIV_HOLDS_AT(site, condition)                                                                        \
     (static_cast<bool>(condition) ||                                                                         \
      (kiv::report_failed_assertion(KIV_SOURCE_PATH, (site).function, (site).line), false))
+
+/// Tests an argument or a state that the caller is responsible for. A reason follows the assertion, which shows
+/// a place in the source and no more: if (!KIV_GIVEN(buffer != nullptr, "no buffer")) return ...
+#define KIV_GIVEN(condition, reason) KIV_GIVEN_AT(kiv::call_site::here(), condition, reason)
+
+/// The same under a call site that was handed down.
+#define KIV_GIVEN_AT(site, condition, reason)                                                                \
+    (KIV_HOLDS_AT(site, condition) ||                                                                        \
+     (kiv::log_at(kiv::level::ERRR, (site).function, (site).line, "%s\n", reason), false))

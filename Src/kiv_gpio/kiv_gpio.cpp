@@ -229,6 +229,7 @@ int32_t kiv_gpio_request(int gpio, const char *name)
     const scoped_lock lock(g_gpio_db.lock);
     unique_item item = make_item(gpio, name, kind_of(gpio));
     if (!KIV_HOLDS(item != nullptr)) {
+        KIV_LOG_ERRR("no memory for gpio %d\n", gpio);
         return KIV_ERR_NO_MEMORY;
     }
     const int32_t status = item->kind->open(call.site(), *item);

@@ -136,7 +136,7 @@ void log_failed_transfer(const kiv_i2c_handle &handle, int error, kiv::call_site
 int32_t read_register(const kiv_i2c_handle *handle, register_address address, unsigned reg, int32_t count,
                       uint8_t *out, kiv::call_site site)
 {
-    if (!KIV_HOLDS_AT(site, handle != nullptr && out != nullptr)) {
+    if (!KIV_GIVEN_AT(site, handle != nullptr && out != nullptr, "no handle, or no buffer")) {
         return KIV_ERR_INVALID_PARAM;
     }
     const auto length = static_cast<uint16_t>(count);
@@ -186,7 +186,7 @@ int32_t write_register(const kiv_i2c_handle *handle, register_address address, u
     if (count == 0) {
         return KIV_ERR_WRITE;
     }
-    if (!KIV_HOLDS_AT(site, handle != nullptr && values != nullptr)) {
+    if (!KIV_GIVEN_AT(site, handle != nullptr && values != nullptr, "no handle, or no values")) {
         return KIV_ERR_INVALID_PARAM;
     }
     // All bytes go to one register, which may be a FIFO or a sequence of commands.
@@ -234,7 +234,7 @@ int32_t kiv_i2c_open(kiv_i2c_handle *handle, int32_t bus, uint16_t deviceAddress
     if (!KIV_HOLDS(bus < g_i2c_buses_num)) {
         KIV_LOG_ERRR("bus %d is not among the %d that i2c_buses_num sets up\n", bus, g_i2c_buses_num);
     }
-    if (!KIV_HOLDS(handle != nullptr)) {
+    if (!KIV_GIVEN(handle != nullptr, "no handle")) {
         return KIV_ERR_OPEN;
     }
     kiv::unique_fd fd = open_bus(path, bus, kiv::call_site::here());
@@ -251,7 +251,7 @@ int32_t kiv_i2c_open(kiv_i2c_handle *handle, int32_t bus, uint16_t deviceAddress
 
 int32_t kiv_i2c_close(kiv_i2c_handle *handle)
 {
-    if (!KIV_HOLDS(handle != nullptr)) {
+    if (!KIV_GIVEN(handle != nullptr, "no handle")) {
         return KIV_OK;
     }
     if (is_logged(*handle)) {

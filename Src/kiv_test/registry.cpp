@@ -70,7 +70,7 @@ bool print_all_named(const char *name)
 
 int kiv_test_util_register(const kiv_test_item *item)
 {
-    if (!KIV_HOLDS(item != nullptr)) {
+    if (!KIV_GIVEN(item != nullptr, "no test module to register")) {
         return KIV_ERR_INVALID_PARAM;
     }
     auto *const node = new (std::nothrow) module_node{{}, *item};

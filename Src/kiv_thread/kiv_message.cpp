@@ -21,12 +21,13 @@ kiv_message *kiv_message_new(int32_t msgId, uint32_t sizeBytes)
     }
     const uint32_t size = sizeBytes < header_size ? header_size : sizeBytes;
     auto *const message = static_cast<kiv_message *>(std::malloc(size));
-    KIV_ASSERT(message != nullptr);
-    if (message != nullptr) {
-        *message = {};
-        message->msgId = msgId;
-        message->sizeBytes = size;
+    if (!KIV_HOLDS(message != nullptr)) {
+        KIV_LOG_ERRR("no memory for message (%d) of %u bytes\n", msgId, size);
+        return nullptr;
     }
+    *message = {};
+    message->msgId = msgId;
+    message->sizeBytes = size;
     return message;
 }
 

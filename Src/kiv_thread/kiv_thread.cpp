@@ -295,7 +295,7 @@ int32_t kiv_thread_stop(kiv_thread *thread)
 
 int32_t kiv_thread_join(kiv_thread *thread)
 {
-    if (!KIV_HOLDS(thread != nullptr)) {
+    if (!KIV_GIVEN(thread != nullptr, "no thread to join")) {
         return KIV_ERR_INVALID_PARAM;
     }
     if (!kiv::is_of_this_process(thread->msgQueue)) {

@@ -57,6 +57,8 @@ int32_t send_sync(kiv_thread *thread, kiv_message *msg)
     }
     rendezvous *const point = new_rendezvous();
     if (!KIV_HOLDS_AT((call_site{send_routine, __LINE__}), point != nullptr)) {
+        KIV_LOG_AS(send_routine, ERRR, "thread (%s): no memory to wait for message (%d)\n", thread->name,
+                   msg->msgId);
         return KIV_ERR_NO_MEMORY;
     }
     KIV_LOG_AS(send_routine, INF2, "sending message (%s)(%d)\n", thread->name, msg->msgId);

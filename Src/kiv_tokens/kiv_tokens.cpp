@@ -108,6 +108,7 @@ int32_t kiv_token_getData(const char *name, void *buf, size_t size, uint32_t *re
 {
     KIV_LOG_PRNT("getData(%s)\n", kiv::shown(name));
     if (!KIV_HOLDS(buf != nullptr || size == 0)) {
+        KIV_LOG_ERRR("no buffer for the %zu bytes of token %s\n", size, kiv::shown(name));
         return KIV_ERR_INVALID_PARAM;
     }
     const unique_file file = _kiv_tokens_openFile(name);

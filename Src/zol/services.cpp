@@ -61,7 +61,7 @@ int32_t wait_until(const timespec &deadline, pthread_cond_t *cond, pthread_mutex
 
 int32_t kiv_prepare_time_spec(int32_t timeoutUs, struct timespec *ts)
 {
-    if (!KIV_HOLDS(ts != nullptr)) {
+    if (!KIV_GIVEN(ts != nullptr, "nowhere to put the deadline")) {
         return KIV_ERR_INVALID_PARAM;
     }
     timespec deadline{};
@@ -78,7 +78,7 @@ int32_t kiv_prepare_time_spec(int32_t timeoutUs, struct timespec *ts)
 
 int32_t kiv_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int32_t timeoutUs)
 {
-    if (!KIV_HOLDS(cond != nullptr && mutex != nullptr)) {
+    if (!KIV_GIVEN(cond != nullptr && mutex != nullptr, "no condition variable, or no mutex")) {
         return KIV_ERR_INVALID_PARAM;
     }
     if (timeoutUs < 0) {

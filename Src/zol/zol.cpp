@@ -23,6 +23,8 @@ struct library_state {
 
 library_state g_kiv;
 
+constexpr char not_initialized[] = "the library is not initialized";
+
 bool is_initialized() noexcept
 {
     return g_kiv.initialized.load(std::memory_order_acquire) != 0;
@@ -163,7 +165,7 @@ int32_t zol_deinit(void)
 {
     KIV_LOG_PRNT("destruct kiv\n");
     if (!is_initialized()) {
-        KIV_LOG_ERRR("the library is not initialized\n");
+        KIV_LOG_ERRR("%s\n", not_initialized);
         kiv_test_util_deinit(); // tests are registered without a start, too
         return KIV_ERR_STATE;
     }
@@ -179,7 +181,7 @@ int32_t zol_deinit(void)
 
 void kiv_lock(void)
 {
-    if (KIV_HOLDS(is_initialized())) {
+    if (KIV_GIVEN(is_initialized(), not_initialized)) {
         const int result = pthread_mutex_lock(&g_kiv.lock);
         t_holds_lock = KIV_HOLDS(result == 0);
     }
@@ -187,7 +189,7 @@ void kiv_lock(void)
 
 void kiv_unlock(void)
 {
-    if (KIV_HOLDS(is_initialized())) {
+    if (KIV_GIVEN(is_initialized(), not_initialized)) {
         t_holds_lock = false;
         const int result = pthread_mutex_unlock(&g_kiv.lock);
         KIV_ASSERT(result == 0);

@@ -42,6 +42,18 @@ bool is_known_routine(const std::string &name)
                        [&name](const char *each) { return name.starts_with(each); });
 }
 
+// An assertion shows a place in the source, so a line with the reason follows it.
+bool is_bare_assertion(const std::vector<log_line> &errors, std::size_t index)
+{
+    // These assert that an operation which they called, and which has given its reason, did not fail.
+    constexpr const char *callers[] = {"kiv_thread_stop", "kiv_thread_create_default", "_test_kiv_thread",
+                                       "TestBody"};
+    const auto is_assertion = [](const log_line &line) { return line.text.starts_with("ASSERT FAILED"); };
+    const bool has_reason = index + 1 < errors.size() && !is_assertion(errors[index + 1]);
+    return is_assertion(errors[index]) && !has_reason &&
+           std::ranges::find(callers, errors[index].function) == std::end(callers);
+}
+
 // Flushes no other stream: one may be stalled, and the flush would wait.
 void flush()
 {
@@ -88,8 +100,15 @@ log_capture::~log_capture()
     const std::string captured = out();
     dup2(out_.saved.get(), STDOUT_FILENO);
     dup2(err_.saved.get(), STDERR_FILENO);
+    std::vector<log_line> errors;
     for (const log_line &line : parse_log(captured)) {
         EXPECT_TRUE(is_known_routine(line.function)) << line.function << " is no public name: " << line.text;
+        if (line.level == "ERRR") {
+            errors.push_back(line);
+        }
+    }
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_FALSE(is_bare_assertion(errors, i)) << errors[i].function << " gives no reason";
     }
     if (testing::Test::HasFailure()) { // the report of the failure was captured too
         std::fputs(captured.c_str(), stdout);

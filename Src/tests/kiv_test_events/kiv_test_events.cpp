@@ -62,7 +62,9 @@ void apply_option(int letter, int &result)
     case '3':
         return print_verdict(__create_delete_ev_group_test(stoi(optarg)));
     case 'i':
-        result = kiv::events_test::run_console();
+        if (const int error = kiv::events_test::run_console(); error != 0) {
+            result = error;
+        }
         return;
     default:
         std::puts("invalid argument");

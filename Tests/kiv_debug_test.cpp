@@ -18,6 +18,7 @@
 #include "support/forked.h"
 #include "support/log_capture.h"
 #include "support/text.h"
+#include "zol/zol.h"
 
 using zol_test::log_capture;
 using strings = std::vector<std::string>;
@@ -82,9 +83,12 @@ TEST(Debug, AssertionReportsAndKeepsErrno)
     const int line = __LINE__ + 1;
     KIV_ASSERT(1 + 1 == 3);
     EXPECT_EQ(errno, EBADF);
+    kiv_lock(); // not started: the library itself logs
+    EXPECT_EQ(errno, EBADF);
     dup2(captured.get(), STDERR_FILENO);
-    EXPECT_EQ(log.texts("ERRR"),
-              strings{"ASSERT FAILED [" + std::string(__FILE__) + "][" + std::to_string(line) + "]"});
+    EXPECT_EQ(log.texts("ERRR").at(0),
+              "ASSERT FAILED [" + std::string(__FILE__) + "][" + std::to_string(line) + "]");
+    EXPECT_EQ(log.texts("ERRR").at(2), "the library is not initialized");
 }
 
 // Other threads hold the log's lock while this one forks, and nobody in the child would release it.

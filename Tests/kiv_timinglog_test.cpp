@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +26,7 @@
 #include "support/log_capture.h"
 #include "support/scratch.h"
 #include "support/text.h"
+#include "zol/kiv_debug.h"
 
 using zol_test::log_capture;
 
@@ -182,6 +185,38 @@ TEST_F(TimingLog, ReportsAFullDiskOnce)
         const std::size_t lost =
             capture.texts("ERRR").size() - capture.count("ERRR", "no free msg buffer, msg skipped!");
         EXPECT_TRUE(lost == 1 || lost == 2) << "a block, and the end";
+    }
+}
+
+// A limit on the size of files stands for a disk that is full for a while.
+TEST_F(TimingLog, GoesOnWhenTheDiskHasRoomAgain)
+{
+    g_debugLevel = 2;
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    kiv_tl_ctx *const log = open_log("room");
+    const auto log_until = [&](const auto &is_done) {
+        return zol_test::eventually([&] {
+            kiv_tl(log, 5, KIV_TL_LOW, nullptr);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1)); // the writer keeps up
+            return is_done();
+        });
+    };
+    EXPECT_TRUE(log_until([this] { return rows("room") > 100; }));
+    const auto size = static_cast<rlim_t>(std::filesystem::file_size(file("room")));
+    const rlimit full = {size + 50, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_TRUE(log_until([this] { return !capture_.texts("ERRR").empty(); }));
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_TRUE(log_until([this] { return capture_.has("PRNT", "/var/log/zol/room.csv is written again"); }));
+    kiv_tl_deinit(log);
+    EXPECT_EQ(
+        capture_.texts("ERRR"),
+        std::vector<std::string>{"can't write /var/log/zol/room.csv: errno 27; the latest rows are lost"});
+    std::istringstream lines(csv("room"));
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_EQ(std::ranges::count(line, ','), 4) << line;
     }
 }
 

@@ -9,7 +9,8 @@
  *
  * Rows reach the file when the writer has nothing left to write, at most every 10 ms; under load, 64 KiB at a
  * time. So a killed process loses some 10 ms of rows at most while its writer keeps up. exit() writes what was
- * logged before, for which it waits up to 2 seconds; the stop row is written by kiv_tl_deinit() alone.
+ * logged before, for which it waits up to 2 seconds; the stop row is written by kiv_tl_deinit() alone. A write that
+ * fails, as on a full disk, is reported; the rows since the one before it are lost, and the log goes on.
  *
  * The times in a file count from the start of its log. The file's time of modification is that of its last row,
  * to the microsecond. So zol_timing(1) knows when a log began, and draws several on one axis. A log that was

@@ -1,11 +1,14 @@
 #include "csv_writer.h"
 
+#include <stdio_ext.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <utility>
 
 #include "kiv_debug/log_as.h"
 
@@ -15,8 +18,9 @@ namespace
 {
 
 constexpr long us_per_second = 1'000'000;
+constexpr char writer_routine[] = "kiv_tl_worker_thread";
 
-}
+} // namespace
 
 timeval since(const timeval &start, const timeval &stamp) noexcept
 {
@@ -31,16 +35,53 @@ timeval since(const timeval &start, const timeval &stamp) noexcept
 void csv_writer::make_room(std::size_t size) noexcept
 {
     if (block_size - used_ < size) {
-        end_event(); // a row of very many lanes
+        hand_over_block(); // a row of very many lanes
     }
 }
 
+void csv_writer::hand_over_block() noexcept
+{
+    const bool is_kept = !is_given_up_ && !is_event_lost_;
+    if (is_kept && std::fwrite(block_.data(), 1, used_, stream_) != used_) {
+        is_event_lost_ = true; // with the blocks of it that are to come
+        fail();
+    }
+    unflushed_ += used_;
+    used_ = 0;
+}
+
+// The file of another user keeps the time that the system has set.
+void csv_writer::set_file_time() noexcept
+{
+    const timespec times[] = {{0, UTIME_OMIT}, {last_row_.tv_sec, last_row_.tv_usec * 1000}};
+    static_cast<void>(futimens(fileno(stream_), times));
+}
+
+// The stream has dropped some bytes and written others. After the first failure of all, the header may be among them.
 void csv_writer::fail() noexcept
 {
-    if (!failed_) {
-        failed_ = true;
-        KIV_LOG_AS("kiv_tl_worker_thread", ERRR, "can't write %s: errno %d; what follows is lost\n",
-                   file_name_, errno);
+    const int error = errno;
+    __fpurge(stream_);
+    std::clearerr(stream_);
+    is_given_up_ = whole_events_ < 0 || ftruncate(fileno(stream_), whole_events_) != 0 ||
+                   fseeko(stream_, whole_events_, SEEK_SET) != 0;
+    if (!is_given_up_) {
+        last_row_ = last_flushed_row_;
+        set_file_time();
+    }
+    if (!std::exchange(is_failing_, true)) {
+        KIV_LOG_AS(writer_routine, ERRR, "can't write %s: errno %d; %s lost\n", file_name_, error,
+                   is_given_up_ ? "what follows is" : "the latest rows are");
+    }
+}
+
+void csv_writer::note_success() noexcept
+{
+    whole_events_ = ftello(stream_);
+    last_flushed_row_ = last_row_;
+    set_file_time();
+    if (std::exchange(is_failing_, false)) {
+        KIV_LOG_AS(writer_routine, PRNT, "%s is written again\n", file_name_);
     }
 }
 
@@ -50,25 +91,30 @@ void csv_writer::end_row() noexcept
     block_[used_++] = '\n';
 }
 
-void csv_writer::end_event() noexcept
+// The stream never gets so much that it would write a part by itself, except of an event of very many lanes.
+void csv_writer::end_event(const timeval &stamp) noexcept
 {
-    if (!failed_ && std::fwrite(block_.data(), 1, used_, stream_) != used_) {
-        fail();
+    hand_over_block();
+    const bool is_lost = is_given_up_ || std::exchange(is_event_lost_, false);
+    last_row_ = is_lost ? last_row_ : stamp;
+    is_flushed_ = is_lost;
+    if (unflushed_ > stream_buffer_size - block_size) {
+        flush();
     }
-    used_ = 0;
-    is_flushed_ = failed_;
 }
 
-void csv_writer::flush(const timeval &last_row) noexcept
+void csv_writer::flush() noexcept
 {
-    if (!failed_ && std::fflush(stream_) != 0) {
-        fail();
-    }
-    if (!failed_) { // the file of another user keeps the time that the system has set
-        const timespec times[] = {{0, UTIME_OMIT}, {last_row.tv_sec, last_row.tv_usec * 1000}};
-        static_cast<void>(futimens(fileno(stream_), times));
-    }
+    unflushed_ = 0;
     is_flushed_ = true;
+    if (is_given_up_) {
+        return;
+    }
+    if (std::fflush(stream_) != 0) {
+        fail();
+    } else {
+        note_success();
+    }
 }
 
 // "%ld.%06ld,"

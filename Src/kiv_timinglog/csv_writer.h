@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/time.h>
+#include <sys/types.h>
 
 #include <array>
 #include <cstddef>
@@ -12,6 +13,8 @@
 namespace kiv
 {
 
+constexpr std::size_t stream_buffer_size = 65'536;
+
 /// The time between two, field by field with a borrow.
 timeval since(const timeval &start, const timeval &stamp) noexcept;
 
@@ -21,10 +24,13 @@ constexpr int32_t t2v(int32_t index, int32_t state) noexcept
     return 2 * index + (state == KIV_TL_LOW ? 0 : 1);
 }
 
-/// Used by one thread. A failing stream is reported once; what follows is dropped.
+/// Used by one thread.
 ///
 /// The rows of an event are collected in a block, which end_event() hands to the stream in one call. So the stream is
 /// locked once per event, and a flush by exit() writes whole rows.
+///
+/// A flush that fails, as on a full disk, is reported once. The file is cut back to its last whole event, so that rows
+/// are lost but none is torn, and the log goes on. Where that cannot be done, what follows is dropped.
 class csv_writer
 {
 public:
@@ -35,10 +41,11 @@ public:
     void lane_cell(int32_t value) noexcept;
     void empty_cells(std::size_t count) noexcept;
     void end_row() noexcept;
-    void end_event() noexcept;
+    void end_event(const timeval &stamp) noexcept;
 
-    /// Hands what the stream holds to the system, and makes the time of the last row the file's time of modification.
-    void flush(const timeval &last_row) noexcept;
+    /// Hands what the stream holds, which are whole events, to the system, and makes the time of the last row the
+    /// file's time of modification.
+    void flush() noexcept;
     [[nodiscard]] bool is_flushed() const noexcept { return is_flushed_; }
 
 private:
@@ -46,12 +53,21 @@ private:
     static constexpr std::size_t longest_cell = 48;
 
     void make_room(std::size_t size) noexcept;
+    void hand_over_block() noexcept;
     void fail() noexcept;
+    void note_success() noexcept;
+    void set_file_time() noexcept;
 
     FILE *stream_;
     const char *file_name_;
     std::size_t used_ = 0;
-    bool failed_ = false;
+    std::size_t unflushed_ = 0;
+    off_t whole_events_ = -1; // the length of the file at the last flush; unknown before it
+    timeval last_row_ = {};
+    timeval last_flushed_row_ = {};
+    bool is_failing_ = false; // reported, and not reported again
+    bool is_given_up_ = false;
+    bool is_event_lost_ = false; // the one in the block
     bool is_flushed_ = true;
     std::array<char, block_size> block_;
 };

@@ -17,8 +17,6 @@
 namespace kiv
 {
 
-constexpr std::size_t stream_buffer_size = 65'536;
-
 /// A context with what callers need not see. Owns everything that the context points at.
 struct timing_log : kiv_tl_ctx {
     timing_log() noexcept : kiv_tl_ctx() {}
@@ -29,7 +27,6 @@ struct timing_log : kiv_tl_ctx {
     std::array<char, stream_buffer_size> stream_buffer;
     owner<FILE, fclose> file;
     std::optional<csv_writer> csv;
-    timeval last_row = {};    // its time stamp
     gint64 next_flush_us = 0; // by the monotonic clock, as is the next
     gint64 last_empty_us = 0; // when the pending queue was last found empty
     gint64 taken = 0;         // messages since then

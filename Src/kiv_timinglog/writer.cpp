@@ -89,8 +89,7 @@ void write_rows(timing_log &log, const kiv_tl_msg &msg)
     if (is_event && msg.value == KIV_TL_PULSE) {
         kiv_tl_log_mark(log, msg, row_kind::state);
     }
-    log.csv->end_event();
-    log.last_row = msg.stamp;
+    log.csv->end_event(msg.stamp);
 }
 
 // A producer that finds the writer waiting at the queue has to wake it up, which costs more than all the rest. So
@@ -112,7 +111,7 @@ gpointer flush_or_pop(timing_log &log)
         msg = g_async_queue_timeout_pop(log.pending_msgs_queue, static_cast<guint64>(left));
     }
     if (msg == nullptr) {
-        log.csv->flush(log.last_row);
+        log.csv->flush();
         log.next_flush_us = g_get_monotonic_time() + flush_interval_us;
     }
     return msg;
@@ -184,7 +183,7 @@ gpointer kiv_tl_worker_thread(gpointer data)
         stopped = taken.ends_with_stop();
         taken.give_back(*tlc);
     }
-    tlc->csv->flush(tlc->last_row);
+    tlc->csv->flush();
     return nullptr;
 }
 

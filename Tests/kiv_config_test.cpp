@@ -53,7 +53,7 @@ TEST_F(Config, LooksUpDepthFirstAndBehindTheSection)
              "<devices><outer><general><a>1st</a><nested><b>deep</b></nested><empty/><cdata><![CDATA[<raw>]]>"
              "</cdata><comment><!--note--></comment><element><a>x</a></element><a>2nd</a>"
              "<mixed>text<i>more</i></mixed></general><other><late>later section</late></other></outer>"
-             "</devices><after><c>behind devices</c></after></any>"),
+             "</devices><after><c>behind devices</c><no:prefix>undeclared</no:prefix></after></any>"),
         1);
     const struct {
         const char *section, *param, *value;
@@ -68,6 +68,7 @@ TEST_F(Config, LooksUpDepthFirstAndBehindTheSection)
                  {"general", "A", "not found"},
                  {"general", "nowhere", "not found"},
                  {"after", "c", "behind devices"},
+                 {"after", "no:prefix", "undeclared"},
                  {"before", "late", "not found"},
                  {"general", "general", "not found"},
                  {"devices", "a", "1st"}};

@@ -62,12 +62,13 @@ xmlNode *first_child(const xmlNode *node) noexcept
 
 // The parser keeps one copy of each name in the document's dictionary. So elements are told apart by the addresses
 // of their names, in a third of the time that it takes to compare texts. Nodes of other kinds have names of their own,
-// such as "text" and "comment".
+// such as "text" and "comment". A name with a prefix that is not declared is in the dictionary too, but not found
+// there by its text.
 class wanted_name
 {
 public:
     wanted_name(const xmlDoc *doc, const char *name) noexcept
-        : text_(name), dictionary_(doc != nullptr ? doc->dict : nullptr),
+        : text_(name), dictionary_(doc != nullptr && std::strchr(name, ':') == nullptr ? doc->dict : nullptr),
           interned_(dictionary_ != nullptr ? xmlDictExists(dictionary_, kiv::xml::to_xml(name), -1)
                                            : nullptr),
           is_of_texts_(std::strcmp(name, "text") == 0)

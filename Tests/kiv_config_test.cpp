@@ -1,6 +1,7 @@
 #include "zol/kiv_config.h"
 
 #include <gtest/gtest.h>
+#include <libxml/tree.h>
 #include <libxml/xmlmemory.h>
 
 #include <cstdlib>
@@ -57,20 +58,13 @@ TEST_F(Config, LooksUpDepthFirstAndBehindTheSection)
         1);
     const struct {
         const char *section, *param, *value;
-    } cases[] = {{"general", "a", "1st"},
-                 {"general", "b", "deep"},
-                 {"general", "empty", ""},
-                 {"general", "cdata", "<raw>"},
-                 {"general", "comment", "note"},
-                 {"general", "element", "not found"},
-                 {"general", "mixed", "text"},
-                 {"general", "late", "later section"},
-                 {"general", "A", "not found"},
-                 {"general", "nowhere", "not found"},
-                 {"after", "c", "behind devices"},
-                 {"after", "no:prefix", "undeclared"},
-                 {"before", "late", "not found"},
-                 {"general", "general", "not found"},
+    } cases[] = {{"general", "a", "1st"},          {"general", "b", "deep"},
+                 {"general", "empty", ""},         {"general", "cdata", "<raw>"},
+                 {"general", "comment", "note"},   {"general", "element", "not found"},
+                 {"general", "mixed", "text"},     {"general", "late", "later section"},
+                 {"general", "A", "not found"},    {"general", "nowhere", "not found"},
+                 {"after", "c", "behind devices"}, {"after", "no:prefix", "undeclared"},
+                 {"before", "late", "not found"},  {"general", "general", "not found"},
                  {"devices", "a", "1st"}};
     for (const auto &[section, param, value] : cases) {
         EXPECT_EQ(text(param, section), value) << section << "." << param;
@@ -237,11 +231,15 @@ TEST(Xml, ScansTheFirstTextOfAnElementAndItsAttributes)
                  {"p", "z", KIV_OK, 77},
                  {"z", nullptr, KIV_ERR_NOT_FOUND, 77},
                  {"p", "empty", KIV_OK, 77},
+                 {"added", nullptr, KIV_OK, 31},
                  {"q", "x", KIV_ERR_NOT_FOUND, 77},
                  {nullptr, "x", KIV_ERR_INVALID_PARAM, 77}};
     g_debugLevel = 3;
     log_capture log;
     _xmlDoc *const doc = kiv_xml_allocate(xml.data(), static_cast<int>(xml.size()));
+    xmlNode *const added = xmlNewNode(nullptr, BAD_CAST "added");
+    xmlNodeSetContent(added, BAD_CAST "31");
+    xmlAddChild(xmlDocGetRootElement(doc), added);
     for (const auto &[element, attribute, status, expected] : cases) {
         int value = 77;
         const int32_t scanned = attribute != nullptr

@@ -32,7 +32,7 @@ int32_t find_element(xmlDoc *doc, const char *name, xmlNode *&element, kiv::call
                                      : "no name");
         return KIV_ERR_INVALID_PARAM;
     }
-    element = _kiv_config_getElement(root, name, "");
+    element = _kiv_config_getElement(root, name, "", kiv::xml::tree::changed);
     return element != nullptr ? KIV_OK : KIV_ERR_NOT_FOUND;
 }
 

@@ -115,12 +115,13 @@ xmlNode *next_in_search(xmlNode *node, const xmlNode *above, const wanted_name &
 
 } // namespace
 
-xmlNode *_kiv_config_getElement(xmlNode *node, const char *name, const char * /*id*/) noexcept
+xmlNode *_kiv_config_getElement(xmlNode *node, const char *name, const char * /*id*/,
+                                kiv::xml::tree kind) noexcept
 {
     if (node == nullptr || name == nullptr) {
         return nullptr;
     }
-    const wanted_name wanted(node->doc, name);
+    const wanted_name wanted(kind == kiv::xml::tree::as_parsed ? node->doc : nullptr, name);
     const xmlNode *const above = node->parent;
     while (node != nullptr && !wanted.is_name_of(*node)) {
         node = next_in_search(node, above, wanted);

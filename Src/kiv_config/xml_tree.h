@@ -19,6 +19,10 @@ inline const xmlChar *to_xml(const char *text) noexcept
     return reinterpret_cast<const xmlChar *>(text);
 }
 
+/// A tree as the parser made it has one copy of each name, which makes the search faster. An application may have
+/// added elements to a document of its own.
+enum class tree { as_parsed, changed };
+
 /// Takes the parser's messages during one parse on this thread, which would else go to standard error. The
 /// first error is logged, as the cause of those that follow; warnings are logged at INF1.
 class parse_report
@@ -54,4 +58,5 @@ private:
 
 /// Searches depth-first for a node of a name: the node, its descendants, then its later siblings and theirs.
 /// The id is never compared.
-xmlNode *_kiv_config_getElement(xmlNode *node, const char *name, const char *id) noexcept;
+xmlNode *_kiv_config_getElement(xmlNode *node, const char *name, const char *id,
+                                kiv::xml::tree kind = kiv::xml::tree::as_parsed) noexcept;

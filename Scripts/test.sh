@@ -67,7 +67,8 @@ for preset in "$@"; do
 done
 
 say "Building libzol and running all of its tests: $*"
-install_packages "${build_packages[@]}" libgtest-dev groff-base make i2c-tools python3-smbus2 python3-pip
+install_packages "${build_packages[@]}" libgtest-dev groff-base make i2c-tools python3-smbus2 python3-pip \
+    libmosquitto-dev mosquitto mosquitto-clients
 for preset in "$@"; do
     build_preset "$preset"
     run_tests "$preset"

@@ -21,7 +21,7 @@ TOP = pathlib.Path(__file__).resolve().parent.parent
 COPY = TOP / "build" / "mutants"
 DEFAULT_PLACES = ["Src", "Board"]
 # Slow tests that install, or compare documents: they are not made to detect faults of the sources.
-LEFT_OUT = "applications_of_the_installed_library|manual_pages|completions|readme|on_board_limits"
+LEFT_OUT = "applications_of_the_installed_library|applications_that_contain_the_tree|manual_pages|completions|readme|on_board_limits"
 
 # Patterns and their replacements. Each match in a line is a candidate of its own.
 OPERATORS = [

@@ -22,7 +22,7 @@ if(ZOL_SANITIZE)
     target_compile_options(zol_compile INTERFACE
         -fsanitize=${ZOL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(zol_compile INTERFACE -fsanitize=${ZOL_SANITIZE})
-else()
+elseif(PROJECT_IS_TOP_LEVEL) # another project may have a choice of its own
     target_compile_definitions(zol_compile INTERFACE
         $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
 endif()

@@ -6,6 +6,9 @@
 #   python       the package of Python and its examples
 
 include(CMakePackageConfigHelpers)
+if(NOT PROJECT_IS_TOP_LEVEL)
+    set(CMAKE_INSTALL_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/zol)
+endif()
 
 set(zol_data ${CMAKE_INSTALL_DATADIR}/zol)
 set(zol_package ${CMAKE_INSTALL_LIBDIR}/cmake/zol)
@@ -50,12 +53,14 @@ endfunction()
 zol_install_configured(cmake/libzol.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig development)
 
 # The tools. Outside of /usr an RPATH leads the tool to the library beside it.
-if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-    file(RELATIVE_PATH zol_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-    set_target_properties(kivtest PROPERTIES INSTALL_RPATH "$ORIGIN/${zol_from_tool}")
+if(ZOL_BUILD_TOOLS)
+    if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        file(RELATIVE_PATH zol_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+        set_target_properties(kivtest PROPERTIES INSTALL_RPATH "$ORIGIN/${zol_from_tool}")
+    endif()
+    install(TARGETS kivtest COMPONENT kivtest)
+    install(TARGETS zol_timing COMPONENT kivboard)
 endif()
-install(TARGETS kivtest COMPONENT kivtest)
-install(TARGETS zol_timing COMPONENT kivboard)
 if(TARGET kivboard)
     install(TARGETS kivboard COMPONENT kivboard)
     install(FILES Conf/kiv_board.xml DESTINATION ${zol_data} COMPONENT kivboard)
@@ -67,15 +72,17 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS Conf/kiv_test.xml
 file(READ Conf/kiv_test.xml zol_configuration)
 string(REPLACE ">Conf/tokens<" ">@zol_datadir@/zol/tokens<" zol_configuration "${zol_configuration}")
 file(WRITE ${zol_generated}/kiv_test.xml.in "${zol_configuration}")
-zol_install_configured(${zol_generated}/kiv_test.xml.in ${zol_data} kivboard)
-install(DIRECTORY Conf/tokens DESTINATION ${zol_data} COMPONENT kivboard)
+if(ZOL_BUILD_TOOLS)
+    zol_install_configured(${zol_generated}/kiv_test.xml.in ${zol_data} kivboard)
+    install(DIRECTORY Conf/tokens DESTINATION ${zol_data} COMPONENT kivboard)
+endif()
 install(FILES Conf/conf.xml Conf/header_40_pins.xml Packaging/zol-application.service
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT runtime)
 
 # The examples, in the package of the headers.
 string(REGEX REPLACE "/libzol0$" "/libzol-dev" zol_examples ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY Examples/ DESTINATION ${zol_examples}/examples COMPONENT development
-    FILES_MATCHING PATTERN *.c PATTERN *.cpp PATTERN *.play)
+    FILES_MATCHING PATTERN *.[ch] PATTERN *.cpp PATTERN *.play)
 
 # The package of Python, in Debian's directory of /usr. Below another prefix PYTHONPATH names the directory, and the package
 # finds the library in the directory lib.
@@ -91,8 +98,10 @@ function(zol_completion component)
     list(TRANSFORM ARGN PREPEND Tools/completion/)
     install(FILES ${ARGN} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT ${component})
 endfunction()
-zol_completion(kivtest kivtest.exe)
-zol_completion(kivboard kivboard zol_timing)
+if(ZOL_BUILD_TOOLS)
+    zol_completion(kivtest kivtest.exe)
+    zol_completion(kivboard kivboard zol_timing)
+endif()
 
 # zol_manual(<component> <page>...)
 function(zol_manual component)
@@ -103,8 +112,10 @@ function(zol_manual component)
     endforeach()
 endfunction()
 zol_manual(runtime kiv_conf.5)
-zol_manual(kivtest kivtest.exe.1)
-zol_manual(kivboard kivboard.1 zol_timing.1)
+if(ZOL_BUILD_TOOLS)
+    zol_manual(kivtest kivtest.exe.1)
+    zol_manual(kivboard kivboard.1 zol_timing.1)
+endif()
 
 # The manual pages of section 3 are made from the headers.
 find_package(Python3 COMPONENTS Interpreter)
@@ -116,7 +127,7 @@ if(Python3_Interpreter_FOUND)
             --version ${PROJECT_VERSION} ${zol_man3} ${zol_headers}
         DEPENDS ${zol_headers} Docs/man/from_headers.py
         COMMENT "Making the manual from the headers")
-    add_custom_target(manual ALL DEPENDS ${zol_man3}/libzol.3)
+    add_custom_target(zol_manual_pages ALL DEPENDS ${zol_man3}/libzol.3)
     install(DIRECTORY ${zol_man3} DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 else()
     message(STATUS "No Python 3: the manual pages of section 3 are not made")

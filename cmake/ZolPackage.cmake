@@ -98,4 +98,10 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS kivboard)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/Packaging/python/postinst ${PROJECT_SOURCE_DIR}/Packaging/python/prerm)
 
+# The source package: the tree without what is built in it.
+set(CPACK_SOURCE_GENERATOR TGZ)
+set(CPACK_SOURCE_PACKAGE_FILE_NAME libzol-${PROJECT_VERSION})
+string(REGEX REPLACE "([][.+*?^$()|\\\\])" "\\\\\\1" zol_tree "${PROJECT_SOURCE_DIR}")
+set(CPACK_SOURCE_IGNORE_FILES "^${zol_tree}/(build(-[^/]*)?|\\.git|\\.cache)(/|$)" "/__pycache__/" "/compile_commands\\.json$")
+
 include(CPack)

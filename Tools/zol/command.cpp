@@ -1,0 +1,53 @@
+#include "command.h"
+
+#include <charconv>
+
+#include "zol/kiv_debug.h"
+
+namespace zol_tool
+{
+
+std::string context::value(const char *name, const char *otherwise) const
+{
+    const auto at = options.find(name);
+    return at != options.end() ? at->second : otherwise;
+}
+
+zol::result<zol::library> start(context &with)
+{
+    auto started = zol::library::start(with.configuration.c_str());
+    if (!started) {
+        refuse(with, started.error().message());
+    } else if (!with.verbose) {
+        __atomic_store_n(&g_debugLevel, 0, __ATOMIC_RELAXED); // the errors come through the other stream
+    }
+    return started;
+}
+
+int refuse(context &with, std::string_view otherwise)
+{
+    const std::string reason = with.log.take_reason();
+    with.out.error(reason.empty() ? otherwise : reason);
+    return refused;
+}
+
+int usage_error(context &with, const std::string &what)
+{
+    with.out.error(what + "; see zol " + with.form.group + " " + with.form.verb + " --help");
+    return wrong_usage;
+}
+
+std::optional<std::uint32_t> parse_number(std::string_view word, std::uint32_t most)
+{
+    const bool is_hexadecimal = word.starts_with("0x");
+    word.remove_prefix(is_hexadecimal ? 2 : 0);
+    std::uint32_t value = 0;
+    const auto [end, error] =
+        std::from_chars(word.data(), word.data() + word.size(), value, is_hexadecimal ? 16 : 10);
+    if (word.empty() || error != std::errc() || end != word.data() + word.size() || value > most) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+} // namespace zol_tool

@@ -1,7 +1,6 @@
 #include "command.h"
 
-#include <charconv>
-
+#include "number.h"
 #include "zol/kiv_debug.h"
 
 namespace zol_tool
@@ -18,16 +17,20 @@ zol::result<zol::library> start(context &with)
     auto started = zol::library::start(with.configuration.c_str());
     if (!started) {
         refuse(with, started.error().message());
-    } else if (!with.verbose) {
+        return started;
+    }
+    with.log.set_aside();
+    if (!with.verbose) {
         __atomic_store_n(&g_debugLevel, 0, __ATOMIC_RELAXED); // the errors come through the other stream
     }
     return started;
 }
 
-int refuse(context &with, std::string_view otherwise)
+int refuse(context &with, std::string_view otherwise, const std::string &subject)
 {
     const std::string reason = with.log.take_reason();
-    with.out.error(reason.empty() ? otherwise : reason);
+    with.out.error((subject.empty() ? "" : subject + ": ") +
+                   (reason.empty() ? std::string(otherwise) : reason));
     return refused;
 }
 
@@ -39,15 +42,8 @@ int usage_error(context &with, const std::string &what)
 
 std::optional<std::uint32_t> parse_number(std::string_view word, std::uint32_t most)
 {
-    const bool is_hexadecimal = word.starts_with("0x");
-    word.remove_prefix(is_hexadecimal ? 2 : 0);
-    std::uint32_t value = 0;
-    const auto [end, error] =
-        std::from_chars(word.data(), word.data() + word.size(), value, is_hexadecimal ? 16 : 10);
-    if (word.empty() || error != std::errc() || end != word.data() + word.size() || value > most) {
-        return std::nullopt;
-    }
-    return value;
+    const auto number = kivboard::parse_number(word);
+    return number && *number <= most ? number : std::nullopt;
 }
 
 } // namespace zol_tool

@@ -64,9 +64,21 @@ struct context {
 /// Starts the library. Says why if it does not start: the command then ends with not_started.
 zol::result<zol::library> start(context &with);
 
-/// Prints the reason that the library logged, or the given one if it logged none.
+/// Prints the reason that the library logged, or the given one if it logged none. The subject stands before it.
 /// @return refused
-int refuse(context &with, std::string_view otherwise);
+int refuse(context &with, std::string_view otherwise, const std::string &subject = "");
+
+/// A call of the library went well if it says so and has logged no error: a level that cannot be written is logged only.
+/// @return False after a complaint.
+template <typename T>
+bool went_well(context &with, const zol::result<T> &result, const std::string &subject)
+{
+    if (result && !with.log.has_errors()) {
+        return true;
+    }
+    refuse(with, (result.cause() ? result.cause() : result.error()).message(), subject);
+    return false;
+}
 
 /// @return wrong_usage, after a line that says what is wrong.
 int usage_error(context &with, const std::string &what);

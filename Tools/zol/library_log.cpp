@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace zol_tool
 {
@@ -44,12 +45,37 @@ std::string without_colours(std::string_view line)
     return plain += line;
 }
 
+// The position of the number in "errno 2" or "errno=2", or npos.
+std::size_t error_number_at(std::string_view text)
+{
+    const std::size_t at = text.rfind("errno");
+    return at != std::string_view::npos ? text.find_first_of("0123456789", at) : at;
+}
+
 // Puts the name of an error behind its number: "errno 2 (No such file or directory)".
 std::string with_error_name(const std::string &text)
 {
-    const std::size_t at = text.rfind("errno ");
-    const int number = at != std::string::npos ? std::atoi(text.c_str() + at + std::strlen("errno ")) : 0;
+    const std::size_t at = error_number_at(text);
+    const int number = at != std::string::npos ? std::atoi(text.c_str() + at) : 0;
     return number > 0 ? text + " (" + std::strerror(number) + ")" : text;
+}
+
+std::string joined(const std::vector<std::string> &errors)
+{
+    std::string text;
+    for (const std::string &error : errors) {
+        text += (text.empty() ? "" : "; ") + error;
+    }
+    return text;
+}
+
+// The error of the system says the most: the lines around it repeat that it failed.
+std::string reason_of(const std::vector<std::string> &errors)
+{
+    const auto at = std::find_if(errors.rbegin(), errors.rend(), [](const std::string &error) {
+        return error_number_at(error) != std::string::npos;
+    });
+    return at != errors.rend() ? *at : joined(errors);
 }
 
 // The text of an error without the prefix; empty for a failed assertion, whose reason is a line of its own.
@@ -102,16 +128,26 @@ library_log::~library_log()
     }
 }
 
+bool library_log::has_errors()
+{
+    read_all();
+    const std::scoped_lock lock(mutex_);
+    return !errors_.empty();
+}
+
 std::string library_log::take_reason()
 {
     read_all();
     const std::scoped_lock lock(mutex_);
-    std::string reason;
-    for (const std::string &error : errors_) {
-        reason += (reason.empty() ? "" : "; ") + error;
-    }
-    errors_.clear();
-    return reason;
+    const std::string reason = reason_of(std::exchange(errors_, {}));
+    return reason.empty() || aside_.empty() ? reason : reason + "; at the start: " + aside_;
+}
+
+void library_log::set_aside()
+{
+    read_all();
+    const std::scoped_lock lock(mutex_);
+    aside_ = joined(std::exchange(errors_, {}));
 }
 
 void library_log::report_at_once()

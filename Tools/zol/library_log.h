@@ -23,8 +23,12 @@ public:
     library_log(const library_log &) = delete;
     library_log &operator=(const library_log &) = delete;
 
-    /// The errors that were logged since the last call, as one line; empty if there were none.
+    /// True if an error was logged that nobody has taken.
+    bool has_errors();
+    /// The reason in the errors that nobody has taken, as one line; empty if there are none.
     std::string take_reason();
+    /// Errors that did not end the call: a chip that the start leaves out. A later reason mentions them.
+    void set_aside();
     /// From now on errors are reported when they are logged, instead of kept.
     void report_at_once();
     /// True if an error was reported at once.
@@ -44,6 +48,7 @@ private:
     std::string rest_; // a line that has not ended yet
     std::string last_; // the line before
     std::vector<std::string> errors_;
+    std::string aside_;
     bool reports_at_once_ = false;
     bool has_reported_ = false;
     std::thread reader_;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "command.h"
+#include "interruption.h"
 #include "standard_streams.h"
 
 namespace zol_tool
@@ -26,16 +27,17 @@ constexpr option global_options[] = {
 constexpr option pulse_options[] = {
     {"--ms", nullptr, "TIME", "length of a pulse, and of the pause between two (10)"},
     {"--count", "-n", "COUNT", "number of pulses (1)"},
+    {"--low", nullptr, nullptr, "low pulses: the pin is high otherwise"},
 };
 constexpr option wait_options[] = {
     {"--edge", "-e", "EDGE", "rising, falling or both (both)"},
     {"--timeout", "-t", "TIME", "such as 2s or 500ms; without it there is no limit"},
-    {"--format", "-f", "TEXT", "the line of an interrupt: %p pin, %l level, %t time, %n count"},
+    {"--format", "-f", "TEXT", "the line of an interrupt: %p pin, %l level, %t time, %s seconds, %n count"},
 };
 constexpr option watch_options[] = {
     {"--edge", "-e", "EDGE", "rising, falling or both (both)"},
     {"--count", "-n", "COUNT", "ends after so many interrupts"},
-    {"--format", "-f", "TEXT", "the line of an interrupt: %p pin, %l level, %t time, %n count"},
+    {"--format", "-f", "TEXT", "the line of an interrupt: %p pin, %l level, %t time, %s seconds, %n count"},
 };
 
 constexpr option bus_option = {"--bus", "-b", "BUS", "number of the bus"};
@@ -55,7 +57,7 @@ constexpr option transfer_options[] = {bus_option, device_option};
 constexpr command commands[] = {
     {"gpio", "get", "PIN...", "reads levels", gpio_get, {}},
     {"gpio", "set", "PIN=LEVEL...", "drives pins", gpio_set, {}},
-    {"gpio", "pulse", "PIN", "drives pulses", gpio_pulse, pulse_options},
+    {"gpio", "pulse", "PIN...", "drives pulses", gpio_pulse, pulse_options},
     {"gpio", "wait", "PIN...", "waits for one interrupt", gpio_wait, wait_options},
     {"gpio", "watch", "PIN...", "prints each interrupt until Ctrl-C", gpio_watch, watch_options},
     {"i2c", "scan", "", "finds the devices of a bus", i2c_scan, scan_options},
@@ -283,6 +285,11 @@ int main(int argc, char **argv)
 {
     kiv::keep_standard_descriptors();
     const zol_tool::words arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-    zol_tool::output out;
-    return out.finish(zol_tool::run_command_line(arguments, out));
+    int status = 0;
+    {
+        zol_tool::output out;
+        status = out.finish(zol_tool::run_command_line(arguments, out));
+    }
+    zol_tool::end_by_signal(status);
+    return status;
 }

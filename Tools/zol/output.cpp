@@ -76,6 +76,13 @@ json::json(std::string_view value) : text_("\"")
     text_ += '"';
 }
 
+json::json(double value)
+{
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%.16g", value);
+    text_ = digits;
+}
+
 json::json(const std::vector<json> &values) : text_("[")
 {
     for (const json &value : values) {
@@ -116,12 +123,17 @@ void output::line(std::string_view text)
 {
     raw(text);
     raw("\n");
-    std::fflush(answers_);
+    flush();
 }
 
 void output::raw(std::string_view text)
 {
     std::fwrite(text.data(), 1, text.size(), answers_);
+}
+
+void output::flush()
+{
+    std::fflush(answers_);
 }
 
 void output::error(std::string_view text)

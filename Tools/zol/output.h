@@ -25,6 +25,7 @@ public:
         : text_(std::same_as<T, bool> ? (value ? "true" : "false") : std::to_string(value))
     {
     }
+    json(double value);
     json(const std::vector<json> &values);
 
     using member = std::pair<const char *, json>;
@@ -51,8 +52,9 @@ public:
     /// An answer: one line, which is written at once.
     void line(std::string_view text);
     void answer(const json &value) { line(value.text()); }
-    /// Text as it is: no line end is added, and it may wait for more.
+    /// Text as it is: no line end is added, and it waits for flush().
     void raw(std::string_view text);
+    void flush();
 
     /// "zol: TEXT" on the standard error output.
     void error(std::string_view text);

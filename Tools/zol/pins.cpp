@@ -1,0 +1,43 @@
+#include "pins.h"
+
+#include <algorithm>
+
+namespace zol_tool
+{
+
+std::optional<std::vector<int>> parse_pins(context &with, const words &names)
+{
+    std::vector<int> numbers;
+    for (const std::string &name : names) {
+        const auto number = parse_number(name, INT32_MAX);
+        if (!number) {
+            usage_error(with, "\"" + name + "\" is no pin");
+            return std::nullopt;
+        }
+        if (std::ranges::count(numbers, static_cast<int>(*number)) > 0) {
+            usage_error(with, "pin " + name + " is named twice");
+            return std::nullopt;
+        }
+        numbers.push_back(static_cast<int>(*number));
+    }
+    if (numbers.empty()) {
+        usage_error(with, "a pin is needed");
+        return std::nullopt;
+    }
+    return numbers;
+}
+
+std::optional<std::vector<zol::pin>> request(context &with, const std::vector<int> &numbers)
+{
+    std::vector<zol::pin> pins;
+    for (const int number : numbers) {
+        auto pin = zol::pin::request(number, "zol");
+        if (!went_well(with, pin, "pin " + std::to_string(number))) {
+            return std::nullopt;
+        }
+        pins.push_back(std::move(*pin));
+    }
+    return pins;
+}
+
+} // namespace zol_tool

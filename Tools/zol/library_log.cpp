@@ -69,13 +69,22 @@ std::string joined(const std::vector<std::string> &errors)
     return text;
 }
 
-// The error of the system says the most: the lines around it repeat that it failed.
-std::string reason_of(const std::vector<std::string> &errors)
+// Lines that only follow from another one, which says why.
+constexpr std::string_view echoes[] = {"failed opening",  " ret -1",         ": result ",
+                                       "can't open file", "Trying to deini", "zol_choose_conf.sh: not found"};
+
+bool is_echo(std::string_view error)
 {
-    const auto at = std::find_if(errors.rbegin(), errors.rend(), [](const std::string &error) {
-        return error_number_at(error) != std::string::npos;
-    });
-    return at != errors.rend() ? *at : joined(errors);
+    return std::ranges::any_of(echoes,
+                               [error](auto echo) { return error.find(echo) != std::string_view::npos; });
+}
+
+std::string reason_of(std::vector<std::string> errors)
+{
+    if (!std::ranges::all_of(errors, is_echo)) {
+        std::erase_if(errors, is_echo);
+    }
+    return joined(errors);
 }
 
 // The text of an error without the prefix; empty for a failed assertion, whose reason is a line of its own.
@@ -196,7 +205,7 @@ void library_log::take_line(std::string line)
         return;
     }
     last_ = line;
-    if (is_shown_ || !is_log_line(line)) {
+    if (is_shown_ || !(is_log_line(line) || is_echo(line))) {
         out_.diagnose((out_.errors_have_colours() ? line : without_colours(line)) + "\n");
     }
     std::string reason = line.find(tags[0]) != std::string::npos ? reason_in(line) : "";

@@ -42,16 +42,34 @@ constexpr option watch_options[] = {
 
 constexpr option bus_option = {"--bus", "-b", "BUS", "number of the bus"};
 constexpr option device_option = {"--device", "-d", "DEVICE", "address of the device, as 0x18"};
-constexpr option register_option = {"--register", "-r", "REG", "register, or first-last"};
+constexpr option register_option = {"--register", "-r", "REG", "register; also 0x20-0x2f and 0x0f,0x20-0x2f"};
 constexpr option wide_option = {"--16", nullptr, nullptr, "register addresses have 16 bits"};
-constexpr option scan_options[] = {bus_option};
-constexpr option register_options[] = {bus_option, device_option, register_option, wide_option};
-constexpr option dump_options[] = {
+constexpr option scan_options[] = {
+    bus_option,
+    {"--device", "-d", "RANGE", "addresses to look at (0x08-0x77)"},
+};
+constexpr option get_options[] = {
     bus_option,
     device_option,
     register_option,
     wide_option,
-    {"--compare", nullptr, "FILE", "shows the differences to an earlier dump"}};
+    {"--bytes", "-n", "COUNT", "bytes to read from each register on, in one transfer (1)"},
+};
+constexpr option set_options[] = {
+    bus_option,
+    device_option,
+    {"--register", "-r", "REG", "register of the first value"},
+    wide_option,
+    {"--fifo", nullptr, nullptr, "all values go to the same register"},
+};
+constexpr option dump_options[] = {
+    bus_option,
+    device_option,
+    {"--register", "-r", "REG", "registers, as 0x20-0x2f (0x00-0xff)"},
+    wide_option,
+    {"--block", nullptr, nullptr, "one transfer for each row, of devices that increment"},
+    {"--compare", nullptr, "FILE", "shows the differences to an earlier dump"},
+};
 constexpr option transfer_options[] = {bus_option, device_option};
 
 constexpr command commands[] = {
@@ -61,8 +79,8 @@ constexpr command commands[] = {
     {"gpio", "wait", "PIN...", "waits for one interrupt", gpio_wait, wait_options},
     {"gpio", "watch", "PIN...", "prints each interrupt until Ctrl-C", gpio_watch, watch_options},
     {"i2c", "scan", "", "finds the devices of a bus", i2c_scan, scan_options},
-    {"i2c", "get", "", "reads registers", i2c_get, register_options},
-    {"i2c", "set", "VALUE...", "writes registers", i2c_set, register_options},
+    {"i2c", "get", "", "reads registers", i2c_get, get_options},
+    {"i2c", "set", "VALUE...", "writes registers", i2c_set, set_options},
     {"i2c", "dump", "", "prints a table of registers", i2c_dump, dump_options},
     {"i2c", "transfer", "[w BYTE...] [r COUNT]...", "sends and receives plain messages", i2c_transfer,
      transfer_options},
@@ -167,6 +185,9 @@ std::string take_words(context &with, const words &rest)
             with.operands.push_back(rest[i]);
         }
     }
+    if (mistake.empty() && std::string_view(with.form.operands).empty() && !with.operands.empty()) {
+        return "there is no operand " + with.operands.front() + " here";
+    }
     return mistake;
 }
 
@@ -185,16 +206,15 @@ void print_options(output &out, std::span<const option> table)
     }
 }
 
-std::string form_of(const command &each)
+std::string form_of(const command &each, const char *options)
 {
     const std::string operands = each.operands;
-    return std::string(each.group) + " " + each.verb + (each.options.empty() ? "" : " [OPTION...]") +
-           (operands.empty() ? "" : " " + operands);
+    return std::string(each.group) + " " + each.verb + options + (operands.empty() ? "" : " " + operands);
 }
 
 void print_command_help(output &out, const command &each)
 {
-    out.line("usage: zol " + form_of(each) + "\n");
+    out.line("usage: zol " + form_of(each, " [OPTION...]") + "\n");
     out.line(std::string(each.purpose) + "\n");
     print_options(out, each.options);
     print_options(out, global_options);
@@ -207,7 +227,7 @@ void print_help(output &out, const std::string &group)
              " VERB [OPTION...] [OPERAND...]\n");
     for (const command &each : commands) {
         if (group.empty() || group == each.group) {
-            out.line("  " + padded(form_of(each), 44) + each.purpose);
+            out.line("  " + padded(form_of(each, ""), 42) + each.purpose);
         }
     }
     out.line("");
@@ -245,36 +265,55 @@ int run(const command &form, const words &rest, output &out)
     return form.run(with);
 }
 
-int complain(output &out, const std::string &what)
+// The words name no command.
+int complain(output &out, const command_line &line, bool is_group)
 {
-    out.error(what + "; see zol --help");
+    const auto unknown = std::ranges::find_if(line.rest, [](const std::string &word) {
+        return is_option(word) && find(split(word).name, global_options) == nullptr;
+    });
+    if (line.group.empty()) {
+        out.error((unknown != line.rest.end() ? "there is no option " + *unknown : "a command is needed") +
+                  "; see zol --help");
+    } else if (!is_group) {
+        out.error("there is no group " + line.group + "; see zol --help");
+    } else {
+        out.error((line.verb.empty() ? line.group + " needs a verb"
+                                     : "there is no command " + line.group + " " + line.verb) +
+                  "; see zol " + line.group + " --help");
+    }
     return wrong_usage;
+}
+
+// @return True if the words ask for help that exists.
+bool help(output &out, const command_line &line, bool is_group, const command *form)
+{
+    if (!asks(line.rest, "--help", "-h") || !(line.group.empty() || is_group)) {
+        return false;
+    }
+    if (form != nullptr) {
+        print_command_help(out, *form);
+    } else if (line.verb.empty()) {
+        print_help(out, line.group);
+    }
+    return form != nullptr || line.verb.empty();
 }
 
 int run_command_line(const words &arguments, output &out)
 {
     const command_line line = take_apart(arguments);
-    const auto *const form = std::ranges::find_if(commands, [&line](const command &each) {
-        return line.group == each.group && line.verb == each.verb;
-    });
-    const bool is_group =
-        std::ranges::any_of(commands, [&](const command &each) { return line.group == each.group; });
-    if (asks(line.rest, "--help", "-h") && (line.group.empty() || is_group) &&
-        (line.verb.empty() || form != std::ranges::end(commands))) {
-        line.verb.empty() ? print_help(out, line.group) : print_command_help(out, *form);
+    const auto is_of_group = [&line](const command &each) { return line.group == each.group; };
+    const bool is_group = std::ranges::any_of(commands, is_of_group);
+    const auto *const at = std::ranges::find_if(
+        commands, [&](const command &each) { return is_of_group(each) && line.verb == each.verb; });
+    const command *const form = at != std::ranges::end(commands) ? at : nullptr;
+    if (help(out, line, is_group, form)) {
         return done;
     }
     if (line.group.empty() && asks(line.rest, "--version", nullptr)) {
         out.line("zol " ZOL_TOOL_VERSION);
         return done;
     }
-    if (form != std::ranges::end(commands)) {
-        return run(*form, line.rest, out);
-    }
-    return complain(out, line.group.empty()  ? "a command is needed"
-                         : !is_group         ? "there is no group " + line.group
-                         : line.verb.empty() ? line.group + " needs a verb"
-                                             : "there is no command " + line.group + " " + line.verb);
+    return form != nullptr ? run(*form, line.rest, out) : complain(out, line, is_group);
 }
 
 } // namespace

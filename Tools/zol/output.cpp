@@ -64,6 +64,13 @@ std::string escaped(std::string_view character)
     return form;
 }
 
+// A standard output that is closed is read-only by now. An answer to it fails as one to a full disk does.
+std::FILE *copy_of_output()
+{
+    std::FILE *const copy = fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w");
+    return copy != nullptr ? copy : std::fopen("/dev/full", "we");
+}
+
 } // namespace
 
 json::json(std::string_view value) : text_("\"")
@@ -93,19 +100,16 @@ json::json(const std::vector<json> &values) : text_("[")
 
 json json::object(const std::vector<member> &members)
 {
-    json made;
-    made.text_ = "{";
+    std::string text = "{";
     for (const auto &[key, value] : members) {
-        made.text_ += (made.text_.size() > 1 ? ", " : "") + json(key).text() + ": " + value.text();
+        text += (text.size() > 1 ? ", " : "") + json(key).text() + ": " + value.text();
     }
-    made.text_ += '}';
-    return made;
+    return json(raw_text{text + "}"});
 }
 
 output::output()
-    : answers_(fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w")),
-      errors_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)), answers_have_colours_(has_colours(STDOUT_FILENO)),
-      errors_have_colours_(has_colours(STDERR_FILENO))
+    : answers_(copy_of_output()), errors_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)),
+      answers_have_colours_(has_colours(STDOUT_FILENO)), errors_have_colours_(has_colours(STDERR_FILENO))
 {
     if (answers_ == nullptr) {
         std::perror("zol: no copy of the standard output");

@@ -29,12 +29,17 @@ public:
     json(const std::vector<json> &values);
 
     using member = std::pair<const char *, json>;
+    static json null() { return json(raw_text{"null"}); }
     static json object(const std::vector<member> &members);
 
     [[nodiscard]] const std::string &text() const { return text_; }
 
 private:
-    json() = default;
+    struct raw_text {
+        std::string text;
+    };
+    explicit json(raw_text raw) : text_(std::move(raw.text)) {}
+
     std::string text_;
 };
 

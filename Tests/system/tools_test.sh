@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Checks the commands of this tree: help and version go to standard output, a wrong usage goes to standard error, the status
-# is not 0 when the output cannot be written, and nothing is coloured.
-# usage: tools_test.sh SOURCE_DIRECTORY ZOL_TIMING KIVBOARD KIVTEST
+# is not 0 when the output cannot be written, and only terminals get colours.
+# usage: tools_test.sh SOURCE_DIRECTORY ZOL_TIMING KIVBOARD KIVTEST ZOL
 # shellcheck disable=SC2317 # functions that are called by name
 set -u
 
-scripts=$1/Scripts timing=$2 board=$3 kivtest=$4
+scripts=$1/Scripts timing=$2 board=$3 kivtest=$4 zol=$5
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export TERM=xterm KIVBOARD_SOCKET=$scratch/socket
@@ -33,7 +33,7 @@ expect() {
 full() { "$@" > /dev/full; }
 closed() { "$@" >&-; }
 
-for command in "$scripts"/*.sh "$timing" "$board"; do
+for command in "$scripts"/*.sh "$timing" "$board" "$zol"; do
     [ "${command##*/}" != common.sh ] || continue # the others source it
     expect 0 out "$command" --help
     expect 0 out "$command" -h
@@ -44,7 +44,7 @@ done
 for preset_script in test package; do
     expect 2 err "$scripts/$preset_script.sh" no_such_preset
 done
-for tool in "$timing" "$board"; do
+for tool in "$timing" "$board" "$zol"; do
     expect 0 out "$tool" --version
     expect 1 err full "$tool" --version
     expect 2 err "$tool"
@@ -65,6 +65,16 @@ if "$board" check 2> /dev/null; then
     expect 1 err conversation "'$board' poke 4 0x18 0x20 1; '$board' journal --follow > /dev/full"
     expect 1 err conversation "echo peek 4 0x18 0x0f | '$board' - > /dev/full"
     expect 2 err "$board" peek 4
+
+    # Differences have colours on a terminal.
+    dump=$scratch/dump differ="cd '$scripts/..' && '$board' run -- '$zol' i2c dump -b 4 -d 0x18 --compare '$scratch/dump'"
+    conversation "'$zol' i2c dump -b 4 -d 0x18 | sed 's/33 /34 /'" > "$dump"
+    coloured() { script -qec "$*" /dev/null < /dev/null | grep -c $'\033\[31m34\033\[0m -> \033\[32m33\033'; }
+    cases=$((cases + 3))
+    if [ "$(coloured "$differ") $(NO_COLOR=1 coloured "$differ") $(coloured "$differ | cat")" != '1 0 0' ]; then
+        echo "colours are not for terminals without NO_COLOR only"
+        failed=1
+    fi
 fi
 
 # The pipes of the library must not take the numbers of closed standard streams.

@@ -31,6 +31,7 @@ struct option {
     const char *letter; // "-b", or null
     const char *value;  // its name in the help
     const char *purpose;
+    bool is_needed = false;
 };
 
 struct context;

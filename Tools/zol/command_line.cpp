@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <map>
-#include <utility>
 
 namespace zol_tool
 {
@@ -108,6 +107,19 @@ std::string take_option(command_words &taken, const command &form, const words &
     return "";
 }
 
+// What the words of a command lack, or have too much. @return "" or the mistake.
+std::string examine(const command_words &taken, const command &form)
+{
+    for (const option &each : form.options) {
+        if (each.is_needed && !taken.options.contains(each.name)) {
+            return std::string(each.name) + " " + each.value + " is needed";
+        }
+    }
+    return std::string_view(form.operands).empty() && !taken.operands.empty()
+               ? "there is no operand " + taken.operands.front() + " here"
+               : "";
+}
+
 command_words take_words(const command &form, const words &rest)
 {
     command_words taken;
@@ -120,9 +132,6 @@ command_words take_words(const command &form, const words &rest)
         } else {
             taken.operands.push_back(rest[i]);
         }
-    }
-    if (taken.mistake.empty() && std::string_view(form.operands).empty() && !taken.operands.empty()) {
-        taken.mistake = "there is no operand " + taken.operands.front() + " here";
     }
     return taken;
 }
@@ -142,15 +151,27 @@ void print_options(output &out, std::span<const option> table)
     }
 }
 
-std::string form_of(const command &each, const char *options)
+// "gpio set PIN=LEVEL..."
+std::string short_form_of(const command &each)
 {
     const std::string operands = each.operands;
-    return std::string(each.group) + " " + each.verb + options + (operands.empty() ? "" : " " + operands);
+    return std::string(each.group) + " " + each.verb + (operands.empty() ? "" : " " + operands);
+}
+
+// "gpio set [OPTION...] PIN=LEVEL...", with the options that are needed.
+std::string form_of(const command &each)
+{
+    const std::string operands = each.operands;
+    std::string form = std::string(each.group) + " " + each.verb;
+    for (const option &one : each.options) {
+        form += one.is_needed ? std::string(" ") + one.letter + " " + one.value : "";
+    }
+    return form + " [OPTION...]" + (operands.empty() ? "" : " " + operands);
 }
 
 void print_command_help(output &out, const command &each)
 {
-    out.line("usage: zol " + form_of(each, " [OPTION...]") + "\n");
+    out.line("usage: zol " + form_of(each) + "\n");
     out.line(std::string(each.purpose) + "\n");
     print_options(out, each.options);
     print_options(out, global_options);
@@ -163,7 +184,7 @@ void print_help(output &out, std::span<const command> commands, const std::strin
              " VERB [OPTION...] [OPERAND...]\n");
     for (const command &each : commands) {
         if (group.empty() || group == each.group) {
-            out.line("  " + padded(form_of(each, ""), 42) + each.purpose);
+            out.line("  " + padded(short_form_of(each), 42) + each.purpose);
         }
     }
     out.line("");
@@ -189,13 +210,14 @@ std::string default_configuration()
 
 int run(const command &form, const words &rest, output &out)
 {
-    command_words taken = take_words(form, rest);
+    const command_words taken = take_words(form, rest);
     library_log log(out, taken.options.contains("--verbose"));
-    context with = {form, out, log, std::move(taken.operands), std::move(taken.options), "", false, false};
+    context with = {form, out, log, taken.operands, taken.options, "", false, false};
     with.configuration = with.has("--conf") ? with.value("--conf") : default_configuration();
     with.json = with.has("--json");
     with.verbose = with.has("--verbose");
-    return taken.mistake.empty() ? form.run(with) : usage_error(with, taken.mistake);
+    const std::string mistake = taken.mistake.empty() ? examine(taken, form) : taken.mistake;
+    return mistake.empty() ? form.run(with) : usage_error(with, mistake);
 }
 
 bool is_group(std::span<const command> commands, const command_line &line)

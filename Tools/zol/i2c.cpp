@@ -49,8 +49,7 @@ std::optional<int> parse_bus(context &with)
 {
     const auto bus = parse_number(with.value("--bus"), INT32_MAX);
     if (!bus) {
-        usage_error(with, with.has("--bus") ? "\"" + with.value("--bus") + "\" is no bus"
-                                            : "a bus is needed: -b BUS");
+        usage_error(with, "\"" + with.value("--bus") + "\" is no bus");
         return std::nullopt;
     }
     return static_cast<int>(*bus);
@@ -60,8 +59,7 @@ std::optional<std::uint16_t> parse_device(context &with)
 {
     const auto device = parse_number(with.value("--device"), 0x7f);
     if (!device) {
-        usage_error(with, with.has("--device") ? "\"" + with.value("--device") + "\" is no address up to 0x7f"
-                                               : "a device is needed: -d DEVICE");
+        usage_error(with, "\"" + with.value("--device") + "\" is no address up to 0x7f");
         return std::nullopt;
     }
     return static_cast<std::uint16_t>(*device);
@@ -73,8 +71,7 @@ std::optional<std::vector<std::uint16_t>> parse_registers(context &with, const s
     const std::uint16_t most = with.has("--16") ? 0xffff : 0xff;
     auto registers = parse_ranges(text, most);
     if (!registers) {
-        usage_error(with, text.empty() ? "a register is needed: -r REG"
-                                       : "\"" + text + "\" is no register up to " + hex(most));
+        usage_error(with, "\"" + text + "\" is no register up to " + hex(most));
     }
     return registers;
 }

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ranges>
 #include <utility>
 
 namespace zol_tool
@@ -60,13 +61,17 @@ std::string with_error_name(const std::string &text)
     return number > 0 ? text + " (" + std::strerror(number) + ")" : text;
 }
 
+constexpr std::size_t most_joined = 3;
+
 std::string joined(const std::vector<std::string> &errors)
 {
     std::string text;
-    for (const std::string &error : errors) {
+    for (const std::string &error : errors | std::views::take(most_joined)) {
         text += (text.empty() ? "" : "; ") + error;
     }
-    return text;
+    return errors.size() <= most_joined
+               ? text
+               : text + "; and " + std::to_string(errors.size() - most_joined) + " more";
 }
 
 // Lines that only follow from another one, which says why.

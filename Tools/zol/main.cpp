@@ -27,9 +27,10 @@ constexpr option watch_options[] = {
     {"--format", "-f", "TEXT", "the line of an interrupt: %p pin, %l level, %t time, %s seconds, %n count"},
 };
 
-constexpr option bus_option = {"--bus", "-b", "BUS", "number of the bus"};
-constexpr option device_option = {"--device", "-d", "DEVICE", "address of the device, as 0x18"};
-constexpr option register_option = {"--register", "-r", "REG", "register; also 0x20-0x2f and 0x0f,0x20-0x2f"};
+constexpr option bus_option = {"--bus", "-b", "BUS", "number of the bus", true};
+constexpr option device_option = {"--device", "-d", "DEVICE", "address of the device, as 0x18", true};
+constexpr option register_option = {"--register", "-r", "REG", "register; also 0x20-0x2f and 0x0f,0x20-0x2f",
+                                    true};
 constexpr option wide_option = {"--16", nullptr, nullptr, "register addresses have 16 bits"};
 constexpr option scan_options[] = {
     bus_option,
@@ -45,7 +46,7 @@ constexpr option get_options[] = {
 constexpr option set_options[] = {
     bus_option,
     device_option,
-    {"--register", "-r", "REG", "register of the first value"},
+    {"--register", "-r", "REG", "register of the first value", true},
     wide_option,
     {"--fifo", nullptr, nullptr, "all values go to the same register"},
 };

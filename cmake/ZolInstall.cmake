@@ -1,7 +1,7 @@
 # Installed files and their places. Each package is a component:
 #   runtime      the shared library
 #   development  headers, static library, examples and manual pages for applications
-#   kivtest      the tool, for the board
+#   kivtest      the tools for the board: kivtest.exe and zol
 #   kivboard     the virtual board, its configuration and tokens, and zol_timing, for the PC
 #   python       the package of Python and its examples
 
@@ -52,13 +52,13 @@ endfunction()
 
 zol_install_configured(cmake/libzol.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig development)
 
-# The tools. Outside of /usr an RPATH leads the tool to the library beside it.
+# The tools. Outside of /usr an RPATH leads them to the library beside them.
 if(ZOL_BUILD_TOOLS)
     if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
         file(RELATIVE_PATH zol_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-        set_target_properties(kivtest PROPERTIES INSTALL_RPATH "$ORIGIN/${zol_from_tool}")
+        set_target_properties(kivtest zol_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${zol_from_tool}")
     endif()
-    install(TARGETS kivtest COMPONENT kivtest)
+    install(TARGETS kivtest zol_tool COMPONENT kivtest)
     install(TARGETS zol_timing COMPONENT kivboard)
 endif()
 if(TARGET kivboard)
@@ -99,7 +99,7 @@ function(zol_completion component)
     install(FILES ${ARGN} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT ${component})
 endfunction()
 if(ZOL_BUILD_TOOLS)
-    zol_completion(kivtest kivtest.exe)
+    zol_completion(kivtest kivtest.exe zol)
     zol_completion(kivboard kivboard zol_timing)
 endif()
 
@@ -113,7 +113,7 @@ function(zol_manual component)
 endfunction()
 zol_manual(runtime kiv_conf.5)
 if(ZOL_BUILD_TOOLS)
-    zol_manual(kivtest kivtest.exe.1)
+    zol_manual(kivtest kivtest.exe.1 zol.1)
     zol_manual(kivboard kivboard.1 zol_timing.1)
 endif()
 

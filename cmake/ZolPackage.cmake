@@ -72,7 +72,11 @@ of pkg-config and CMake, for applications in C and C++ that use libzol.")
 zol_package(kivtest kivtest utils "${zol_this}"
 "command-line diagnostics of embedded Linux boards
 kivtest.exe reads and writes registers of I2C devices and runs test modules
-for GPIO pins, events, worker threads, storage and timers, over libzol.")
+for GPIO pins, events, worker threads, storage and timers, over libzol.
+.
+zol does one thing a call: it reads, drives and watches pins, finds I2C
+devices, reads, writes and compares their registers, shows calibration
+tokens, and checks the configuration.")
 zol_package(kivboard kivboard utils ""
 "virtual embedded Linux board for tests on a PC
 kivboard runs an unmodified program in a file system of its own, in which the

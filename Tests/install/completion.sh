@@ -7,7 +7,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 cd "$scratch" || exit 1
 touch conf.xml lamp.play log.csv log.txt board.json
-for command in kivtest.exe kivboard zol_timing; do
+for command in kivtest.exe kivboard zol zol_timing; do
     # shellcheck source=/dev/null
     source "$completions/$command"
 done
@@ -49,4 +49,10 @@ completes '--socket' kivboard peek --s
 completes 'log.csv' zol_timing lo
 completes '--start --svg' zol_timing log.csv --s
 completes 'board.json' zol_timing log.csv --journal b
+completes 'gpio' zol --conf conf.xml g
+completes 'wait watch' zol --json gpio w
+completes '--conf --count' zol gpio pulse 17 --co
+completes 'falling' zol gpio wait 17 -e f
+completes 'conf.xml' zol conf check c
+completes '' zol i2c get -r ''
 exit $failed

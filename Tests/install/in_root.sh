@@ -42,7 +42,8 @@ quietly kivboard run -- kivtest.exe -t read_i2c -b 4 -d 0x18 -r 0x0f
 grep -q '==> 0x33' log || { cat log; fail "kivtest.exe does not read the virtual board's sensor"; }
 quietly kivboard run -- kivtest.exe -t kiv_tokens
 grep -q 'name(accel)' log || fail "kivtest.exe does not read the tokens"
-echo "check: $(dpkg-query -W -f '${Package} ' libzol0 kivtest kivboard)suffice for the tool on the virtual board"
+[ "$(kivboard run -- zol i2c get -b 4 -d 0x18 -r 0x0f)" = 0x33 ] || fail "zol does not read the virtual board's sensor"
+echo "check: $(dpkg-query -W -f '${Package} ' libzol0 kivtest kivboard)suffice for the tools on the virtual board"
 
 apt install g++ pkgconf "$packages"/libzol-dev_*.deb
 examples=/usr/share/doc/libzol-dev/examples
@@ -67,7 +68,7 @@ sudo cp /usr/share/doc/libzol0/examples/conf.xml /etc/kiv/conf.xml
 quietly kivtest.exe -t kiv_i2c
 quietly zol_timing --version
 quietly bash -c '. /usr/share/bash-completion/completions/kivtest.exe; complete -p kivtest.exe'
-for page in man1/kivtest.exe.1 man3/libzol.3 man3/kiv_i2c_open.3 man5/kiv_conf.5; do
+for page in man1/kivtest.exe.1 man1/zol.1 man3/libzol.3 man3/kiv_i2c_open.3 man5/kiv_conf.5; do
     quietly gzip -t "/usr/share/man/$page.gz"
 done
 echo "check: the example for a board, the completions and the manual are there"

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Checks that every manual page formats without a warning. Checks that the pages and the completions of kivtest.exe,
-# kivboard and zol_timing know all options, modules and commands of the tools.
+# Checks that every manual page formats without a warning. Checks that the pages and the completions of the tools know all
+# their options, modules and commands.
 # usage: manual.sh BUILD_DIRECTORY SOURCE_DIRECTORY KIVTEST_EXE
 set -eu
 
@@ -99,5 +99,19 @@ while read -r option; do
     plain zol_timing.1 | grep -qE -- "(^|, )$option( |,|$)" || complain "zol_timing(1) lacks $option"
     grep -qx -- "$option" "$scratch/completed" || complain "the completion of zol_timing lacks $option"
 done < "$scratch/options"
+
+# The commands of zol and their options.
+"$build/bin/zol" --help | sed -n 's/^  \([a-z][a-z0-9]* [a-z][a-z]*\) .*/\1/p' > "$scratch/listed"
+grep -qx 'i2c scan' "$scratch/listed" || complain "cannot read the list of zol"
+while read -r group verb; do
+    plain zol.1 | grep -qE "^(\.B )?$group $verb( |$)" || complain "zol(1) lacks $group $verb"
+    completed zol "$group" '' | grep -qx "$verb" || complain "the completion of zol lacks $group $verb"
+    "$build/bin/zol" "$group" "$verb" --help | grep -oE '^ *(-[a-z], )?--[a-z0-9]+' | grep -oE -- '--.*' > "$scratch/options"
+    completed zol "$group" "$verb" -- > "$scratch/completed"
+    while read -r option; do
+        plain zol.1 | grep -qE -- "$option\b" || complain "zol(1) lacks $option"
+        grep -qx -- "$option" "$scratch/completed" || complain "the completion of zol $group $verb lacks $option"
+    done < "$scratch/options"
+done < "$scratch/listed"
 
 [ $failed -eq 0 ] && echo "$pages pages"

@@ -137,6 +137,9 @@ library_log::~library_log()
     eventfd_write(stop_, 1);
     reader_.join();
     read_all();
+    if (!rest_.empty()) {
+        take_line(std::exchange(rest_, {}));
+    }
     for (const int descriptor : {pipe_[0], pipe_[1], stop_}) {
         close(descriptor);
     }
@@ -204,8 +207,8 @@ void library_log::read_all()
 
 void library_log::take_line(std::string line)
 {
-    // Both streams get an error, one right after the other.
-    if (line == last_) {
+    // If the log is shown, both streams get an error, one right after the other.
+    if (is_shown_ && line == last_) {
         last_.clear();
         return;
     }

@@ -27,6 +27,7 @@ bool went_well_at(context &with, const auto &result, const zol::pin &pin)
 json as_json(const std::vector<pin_level> &levels)
 {
     std::vector<json> pins;
+    pins.reserve(levels.size());
     for (const auto &[pin, level] : levels) {
         pins.push_back(json::object({{"pin", pin}, {"level", level}}));
     }

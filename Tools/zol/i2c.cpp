@@ -135,6 +135,7 @@ std::string registers::describe_failure(std::uint16_t reg, const zol::result<> &
 json as_json(const device_address &at, const std::vector<register_values> &read)
 {
     std::vector<json> entries;
+    entries.reserve(read.size());
     for (const auto &[reg, values] : read) {
         entries.push_back(
             json::object({{"register", reg}, {"values", std::vector<json>(values.begin(), values.end())}}));

@@ -101,6 +101,7 @@ void print_dump(context &with, const device_address &at, const dump_values &valu
         return;
     }
     std::vector<register_values> read;
+    read.reserve(values.size());
     for (const auto &[reg, value] : values) {
         read.push_back({reg, value ? std::vector{*value} : std::vector<std::uint8_t>{}});
     }
@@ -114,7 +115,7 @@ void read_row(const std::string &line, dump_values &values)
     const auto first =
         mark != std::string::npos ? parse_number("0x" + line.substr(0, mark), 0xffff) : std::nullopt;
     for (unsigned column = 0; first && column < row_length; ++column) {
-        const std::size_t at = mark + 2 + column * 3;
+        const std::size_t at = mark + 2 + std::size_t{column} * 3;
         const auto value = at < line.size() ? parse_number("0x" + line.substr(at, 2), 0xff) : std::nullopt;
         if (value) {
             values[static_cast<std::uint16_t>(*first + column)] = static_cast<std::uint8_t>(*value);
@@ -158,6 +159,7 @@ std::vector<difference> differences(const dump_values &before, const dump_values
 json as_json(const device_address &at, const std::vector<difference> &found)
 {
     std::vector<json> entries;
+    entries.reserve(found.size());
     for (const auto &[reg, before, now] : found) {
         entries.push_back(
             json::object({{"register", reg}, {"before", *before}, {"now", now ? json(*now) : json::null()}}));

@@ -26,6 +26,7 @@ struct message {
 int send(const kiv_i2c_handle &bus, std::uint16_t device, std::vector<message> &messages)
 {
     std::vector<i2c_msg> raw;
+    raw.reserve(messages.size());
     for (message &each : messages) {
         raw.push_back({device, static_cast<std::uint16_t>(each.is_read ? I2C_M_RD : 0),
                        static_cast<std::uint16_t>(each.bytes.size()), each.bytes.data()});

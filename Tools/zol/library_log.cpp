@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ranges>
 #include <utility>
 
 namespace zol_tool
@@ -66,8 +65,8 @@ constexpr std::size_t most_joined = 3;
 std::string joined(const std::vector<std::string> &errors)
 {
     std::string text;
-    for (const std::string &error : errors | std::views::take(most_joined)) {
-        text += (text.empty() ? "" : "; ") + error;
+    for (std::size_t i = 0; i < std::min(errors.size(), most_joined); ++i) {
+        text += (text.empty() ? "" : "; ") + errors[i];
     }
     return errors.size() <= most_joined
                ? text
@@ -205,7 +204,7 @@ void library_log::read_all()
     }
 }
 
-void library_log::take_line(std::string line)
+void library_log::take_line(const std::string &line)
 {
     // If the log is shown, both streams get an error, one right after the other.
     if (is_shown_ && line == last_) {

@@ -37,7 +37,7 @@ public:
 private:
     void read_until_stopped();
     void read_all();
-    void take_line(std::string line);
+    void take_line(const std::string &line);
 
     output &out_;
     const bool is_shown_;

@@ -112,24 +112,10 @@ std::optional<pulses> parse_pulses(context &with)
     return pulses{*length, *count, with.has("--low") ? 0 : 1};
 }
 
-} // namespace
-
-int gpio_get(context &with)
+int read_levels(context &with, const std::vector<zol::pin> &pins)
 {
-    const auto numbers = parse_pins(with, with.operands);
-    if (!numbers) {
-        return wrong_usage;
-    }
-    const auto library = start(with);
-    if (!library) {
-        return not_started;
-    }
-    const auto pins = request(with, *numbers);
-    if (!pins) {
-        return refused;
-    }
     std::vector<pin_level> levels;
-    for (const zol::pin &pin : *pins) {
+    for (const zol::pin &pin : pins) {
         const auto level = pin.level();
         if (!went_well_at(with, level, pin)) {
             return refused;
@@ -140,33 +126,45 @@ int gpio_get(context &with)
     return done;
 }
 
-int gpio_set(context &with)
+int drive_levels(context &with, std::vector<zol::pin> &pins, const std::vector<int> &levels)
 {
-    const auto levels = take_levels(with, with.operands);
-    const auto numbers = levels ? parse_pins(with, with.operands) : std::nullopt;
-    if (!numbers) {
-        return wrong_usage;
-    }
-    const auto library = start(with);
-    if (!library) {
-        return not_started;
-    }
-    auto pins = request(with, *numbers);
-    if (!pins) {
-        return refused;
-    }
     std::vector<pin_level> driven;
-    for (std::size_t i = 0; i < pins->size(); ++i) {
-        zol::pin &pin = (*pins)[i];
-        if (!went_well_at(with, pin.set_level((*levels)[i]), pin)) {
+    for (zol::pin &pin : pins) {
+        const int level = levels[driven.size()];
+        if (!went_well_at(with, pin.set_level(level), pin)) {
             return refused;
         }
-        driven.push_back({pin.number(), (*levels)[i]});
+        driven.push_back({pin.number(), level});
     }
     if (with.json) {
         print(with, driven);
     }
     return done;
+}
+
+json as_json(const std::vector<int> &numbers, const pulses &driven)
+{
+    return json::object({{"pins", std::vector<json>(numbers.begin(), numbers.end())},
+                         {"level", driven.level},
+                         {"count", driven.count},
+                         {"ms", std::chrono::duration<double, std::milli>(driven.length).count()}});
+}
+
+} // namespace
+
+int gpio_get(context &with)
+{
+    const auto numbers = parse_pins(with, with.operands);
+    return numbers ? with_pins(with, *numbers, [&](auto &pins) { return read_levels(with, pins); })
+                   : wrong_usage;
+}
+
+int gpio_set(context &with)
+{
+    const auto levels = take_levels(with, with.operands);
+    const auto numbers = levels ? parse_pins(with, with.operands) : std::nullopt;
+    return numbers ? with_pins(with, *numbers, [&](auto &pins) { return drive_levels(with, pins, *levels); })
+                   : wrong_usage;
 }
 
 int gpio_pulse(context &with)
@@ -177,21 +175,10 @@ int gpio_pulse(context &with)
         return wrong_usage;
     }
     interruption interrupted;
-    const auto library = start(with);
-    if (!library) {
-        return not_started;
-    }
-    auto pins = request(with, *numbers);
-    if (!pins) {
-        return refused;
-    }
-    const int status = drive_pulses(with, *pins, *wanted, interrupted);
+    const int status =
+        with_pins(with, *numbers, [&](auto &pins) { return drive_pulses(with, pins, *wanted, interrupted); });
     if (status == done && with.json) {
-        const double ms = std::chrono::duration<double, std::milli>(wanted->length).count();
-        with.out.answer(json::object({{"pins", std::vector<json>(numbers->begin(), numbers->end())},
-                                      {"level", wanted->level},
-                                      {"count", wanted->count},
-                                      {"ms", ms}}));
+        with.out.answer(as_json(*numbers, *wanted));
     }
     return status;
 }

@@ -170,22 +170,21 @@ enum class ending { signal, count, timeout, output };
 class watcher
 {
 public:
-    watcher(context &with, const watch_order &wanted, interruption &interrupted)
+    watcher(context &with, const watch_order &wanted, std::vector<zol::pin> &pins, interruption &interrupted)
         : with_(with), wanted_(wanted), interrupted_(interrupted)
     {
+        for (zol::pin &pin : pins) {
+            pins_.push_back({std::move(pin)});
+        }
     }
 
     /// @return False after a complaint.
     bool begin()
     {
-        auto pins = request(with_, wanted_.numbers);
-        for (std::size_t i = 0; pins && i < pins->size(); ++i) {
-            pins_.push_back({std::move((*pins)[i])});
-        }
-        return pins && std::ranges::all_of(pins_, [this](watched_pin &each) {
-                   return went_well(with_, each.pin.watch(wanted_.edge, queue_),
-                                    "pin " + std::to_string(each.pin.number()));
-               });
+        return std::ranges::all_of(pins_, [this](watched_pin &each) {
+            return went_well(with_, each.pin.watch(wanted_.edge, queue_),
+                             "pin " + std::to_string(each.pin.number()));
+        });
     }
 
     /// Ends the callbacks first, so that nothing is lost.
@@ -257,6 +256,38 @@ private:
     std::chrono::system_clock::time_point start_ = std::chrono::system_clock::now();
 };
 
+// The status that an ending has for a command.
+using judgement = int (*)(context &with, ending end, int signal);
+
+int follow_pins(context &with, const watch_order &wanted, judgement judge)
+{
+    interruption interrupted;
+    return with_pins(with, wanted.numbers, [&](std::vector<zol::pin> &pins) {
+        watcher watching(with, wanted, pins, interrupted);
+        if (!watching.begin()) {
+            return static_cast<int>(refused);
+        }
+        const ending end = watching.follow();
+        if (end == ending::output && with.out.is_good()) {
+            with.out.error("nobody reads the standard output");
+        }
+        return judge(with, end, interrupted.signal());
+    });
+}
+
+int judge_wait(context &with, ending end, int signal)
+{
+    if (end == ending::timeout) {
+        with.out.error("no interrupt within " + with.value("--timeout"));
+    }
+    return end == ending::count ? done : end == ending::signal ? status_of_signal(signal) : refused;
+}
+
+int judge_watch(context &with, ending end, int)
+{
+    return end == ending::output || with.log.has_reported() ? refused : done;
+}
+
 } // namespace
 
 int gpio_wait(context &with)
@@ -266,43 +297,13 @@ int gpio_wait(context &with)
         return wrong_usage;
     }
     wanted->most = 1;
-    interruption interrupted;
-    const auto library = start(with);
-    if (!library) {
-        return not_started;
-    }
-    watcher waiting(with, *wanted, interrupted);
-    if (!waiting.begin()) {
-        return refused;
-    }
-    switch (waiting.follow()) {
-    case ending::signal:
-        return status_of_signal(interrupted.signal());
-    case ending::timeout:
-        with.out.error("no interrupt within " + with.value("--timeout"));
-        return refused;
-    default:
-        return done;
-    }
+    return follow_pins(with, *wanted, judge_wait);
 }
 
 int gpio_watch(context &with)
 {
     const auto wanted = parse_order(with);
-    if (!wanted) {
-        return wrong_usage;
-    }
-    interruption interrupted;
-    const auto library = start(with);
-    if (!library) {
-        return not_started;
-    }
-    watcher watching(with, *wanted, interrupted);
-    if (!watching.begin()) {
-        return refused;
-    }
-    watching.follow();
-    return with.log.has_reported() ? refused : done;
+    return wanted ? follow_pins(with, *wanted, judge_watch) : wrong_usage;
 }
 
 } // namespace zol_tool

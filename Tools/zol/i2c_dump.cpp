@@ -113,9 +113,9 @@ void read_row(const std::string &line, dump_values &values)
 {
     const std::size_t mark = line.find(':');
     const auto first =
-        mark != std::string::npos ? parse_number("0x" + line.substr(0, mark), 0xffff) : std::nullopt;
-    for (unsigned column = 0; first && column < row_length; ++column) {
-        const std::size_t at = mark + 2 + std::size_t{column} * 3;
+        mark != std::string::npos ? parse_number("0x" + line.substr(0, mark), 0xfff0) : std::nullopt;
+    std::size_t at = mark + 2;
+    for (unsigned column = 0; first && column < row_length; ++column, at += 3) {
         const auto value = at < line.size() ? parse_number("0x" + line.substr(at, 2), 0xff) : std::nullopt;
         if (value) {
             values[static_cast<std::uint16_t>(*first + column)] = static_cast<std::uint8_t>(*value);

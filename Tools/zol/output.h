@@ -38,7 +38,7 @@ private:
     struct raw_text {
         std::string text;
     };
-    explicit json(raw_text raw) : text_(std::move(raw.text)) {}
+    explicit json(const raw_text &raw) : text_(raw.text) {}
 
     std::string text_;
 };

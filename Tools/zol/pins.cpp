@@ -27,17 +27,22 @@ std::optional<std::vector<int>> parse_pins(context &with, const words &names)
     return numbers;
 }
 
-std::optional<std::vector<zol::pin>> request(context &with, const std::vector<int> &numbers)
+int with_pins(context &with, const std::vector<int> &numbers,
+              const std::function<int(std::vector<zol::pin> &pins)> &work)
 {
+    const auto library = start(with);
+    if (!library) {
+        return not_started;
+    }
     std::vector<zol::pin> pins;
     for (const int number : numbers) {
         auto pin = zol::pin::request(number, "zol");
         if (!went_well(with, pin, "pin " + std::to_string(number))) {
-            return std::nullopt;
+            return refused;
         }
         pins.push_back(std::move(*pin));
     }
-    return pins;
+    return work(pins);
 }
 
 } // namespace zol_tool

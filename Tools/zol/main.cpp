@@ -1,5 +1,7 @@
 // zol: the services of the library on the command line, one at a time.
 
+#include <exception>
+
 #include "command.h"
 #include "command_line.h"
 #include "interruption.h"
@@ -89,7 +91,13 @@ int main(int argc, char **argv)
     int status = 0;
     {
         zol_tool::output out;
-        status = out.finish(zol_tool::run_command_line(zol_tool::commands, arguments, out));
+        try {
+            status = zol_tool::run_command_line(zol_tool::commands, arguments, out);
+        } catch (const std::exception &failure) { // no memory, no thread
+            out.error(failure.what());
+            status = zol_tool::refused;
+        }
+        status = out.finish(status);
     }
     zol_tool::end_by_signal(status);
     return status;

@@ -155,7 +155,7 @@ json as_json(const std::vector<int> &numbers, const pulses &driven)
 int gpio_get(context &with)
 {
     const auto numbers = parse_pins(with, with.operands);
-    return numbers ? with_pins(with, *numbers, [&](auto &pins) { return read_levels(with, pins); })
+    return numbers ? with_pins(with, *numbers, [&](const auto &pins) { return read_levels(with, pins); })
                    : wrong_usage;
 }
 

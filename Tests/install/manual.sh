@@ -114,4 +114,10 @@ while read -r group verb; do
     done < "$scratch/options"
 done < "$scratch/listed"
 
+# The keys of the configuration.
+sed -n '/^\.SH KEYS/,/^\.PP/{/^\.TP/{n;s/^\.BI* //;s/ \(N\|PIN\) /#/;p;};}' "$source/Docs/man/kiv_conf.5" | sort > "$scratch/described"
+sed -n 's/^    {"\([a-zA-Z0-9_#]*\)", key_kind::.*/\1/p' "$source/Tools/zol/keys.cpp" | sort > "$scratch/known"
+grep -qx 'i2c_bus_#_dev' "$scratch/known" || complain "cannot read the keys that zol knows"
+diff "$scratch/described" "$scratch/known" || complain "kiv_conf(5) and zol do not know the same keys"
+
 [ $failed -eq 0 ] && echo "$pages pages"

@@ -24,7 +24,7 @@ if [ -z "${SCRATCH:-}" ]; then
     SCRATCH=$(mktemp -d)
     trap 'end_programs; rm -rf "$SCRATCH"' EXIT
     # Each run has its own runtime directory, so that it does not find the boards of other runs.
-    export SCRATCH PATH=$bin:$PATH:/usr/sbin XDG_RUNTIME_DIR=$SCRATCH
+    export SCRATCH libraries=$bin/../lib PATH=$bin:$PATH:/usr/sbin XDG_RUNTIME_DIR=$SCRATCH
     board=("$bin/kivboard" run --socket "$SCRATCH/socket" "$@" --)
     [ "${1:-}" != --no-board ] || board=()
     "${board[@]}" bash "$0" "$transcript" "$bin"
@@ -76,6 +76,38 @@ configured() {
     sed "$1" Conf/kiv_test.xml > "$SCRATCH/conf.xml"
     shift
     kivtest.exe -c "$SCRATCH/conf.xml" "$@" 2> /dev/null
+}
+
+# findings [FILE]: what zol finds in a configuration, without the list of the keys.
+findings() {
+    zol conf check "${1:-$SCRATCH/conf.xml}" | grep -v '^ '
+    return "${PIPESTATUS[0]}"
+}
+
+# checked SED_SCRIPT: what zol finds in the configuration as the script edits it.
+checked() {
+    sed "$1" Conf/kiv_test.xml > "$SCRATCH/conf.xml"
+    findings "$SCRATCH/conf.xml"
+}
+
+# forbidden COMMAND...: runs a command to which the permissions of files apply, also when root runs it.
+forbidden() {
+    if [ "$(id -u)" = 0 ]; then
+        setpriv --bounding-set=-dac_override,-dac_read_search "$@"
+    else
+        "$@"
+    fi
+}
+
+# chips COMMAND...: runs a command on a machine with the two GPIO chips of gpio_chips.c.
+chips() {
+    LD_PRELOAD=$libraries/gpio_chips.so ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0 "$@"
+}
+
+# calls PYTHON: calls the library z from Python, and shows the errors in its log.
+calls() {
+    python3 -c "from ctypes import *; z = CDLL('$libraries/libzol.so.0'); z.kiv_message_new.restype = c_void_p; $1" \
+        2> /dev/null | texts ERRR | grep -v 'ASSERT FAILED'
 }
 
 # describe XML COMMAND...: runs a command on a board with this description.
@@ -180,6 +212,7 @@ stop() {
         echo "$name: $(sed -n '$p' "$SCRATCH/$name.out") $(texts PRNT < "$SCRATCH/$name.out" | sed -n 's/^fleet_leave: //p')"
     done
 }
+export -f texts findings chips calls forbidden
 
 perform() {
     (eval "$1") 2>&1 < /dev/null | sed "/^T  *[0-9.]* *\x1b\[[0-9]*m\[/d; s|$SCRATCH|SCRATCH|g"

@@ -62,6 +62,9 @@ constexpr option dump_options[] = {
 };
 constexpr option transfer_options[] = {bus_option, device_option};
 
+constexpr option token_options[] = {
+    {"--raw", nullptr, nullptr, "prints the bytes as they are, and nothing else"}};
+
 constexpr command commands[] = {
     {"gpio", "get", "PIN...", "reads levels", gpio_get, {}},
     {"gpio", "set", "PIN=LEVEL...", "drives pins", gpio_set, {}},
@@ -75,7 +78,7 @@ constexpr command commands[] = {
     {"i2c", "transfer", "[w BYTE...] [r COUNT]...", "sends and receives plain messages", i2c_transfer,
      transfer_options},
     {"token", "list", "", "lists the tokens", token_list, {}},
-    {"token", "show", "NAME", "prints a token", token_show, {}},
+    {"token", "show", "NAME", "prints a token", token_show, token_options},
     {"conf", "check", "[FILE]", "checks a configuration", conf_check, {}},
     {"conf", "show", "", "prints the configuration in force", conf_show, {}},
 };

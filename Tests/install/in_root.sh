@@ -68,7 +68,7 @@ sudo cp /usr/share/doc/libzol0/examples/conf.xml /etc/kiv/conf.xml
 quietly kivtest.exe -t kiv_i2c
 quietly zol_timing --version
 quietly bash -c '. /usr/share/bash-completion/completions/kivtest.exe; complete -p kivtest.exe'
-for page in man1/kivtest.exe.1 man1/zol.1 man3/libzol.3 man3/kiv_i2c_open.3 man5/kiv_conf.5; do
+for page in man1/kivtest.exe.1 man1/zol.1 man3/libzol.3 man3/kiv_i2c_open.3 man5/kiv_conf.5 man7/zol_troubleshooting.7; do
     quietly gzip -t "/usr/share/man/$page.gz"
 done
 echo "check: the example for a board, the completions and the manual are there"

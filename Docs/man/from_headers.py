@@ -222,7 +222,7 @@ def module_list(headers):
 def see_also(header, headers):
     pages = [other.page() for other in headers if other is not header]
     return ".SH SEE ALSO\n" + "".join(f".BR {page} (3),\n" for page in sorted(pages)) + \
-        ".BR kiv_conf (5),\n.BR kivtest.exe (1)\n"
+        ".BR kiv_conf (5),\n.BR kivtest.exe (1),\n.BR zol (1),\n.BR zol_troubleshooting (7)\n"
 
 
 def write_page(header, headers, version):

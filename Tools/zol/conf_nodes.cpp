@@ -62,6 +62,15 @@ std::string remedy_for(int error, const std::string &path, const char *if_missin
     return is_missing ? if_missing : is_forbidden ? permission_advice(path) : "";
 }
 
+std::set<fs::path> entries_of(const fs::path &directory, std::error_code &error)
+{
+    std::set<fs::path> entries;
+    for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
+        entries.insert(at->path());
+    }
+    return entries;
+}
+
 bool is_too_long_for_a_token(const fs::path &path)
 {
     return path.string().size() > longest_token_path;
@@ -303,12 +312,11 @@ void check_tokens(conf_report &report)
         return;
     }
     std::error_code error;
-    const fs::directory_iterator tokens(directory->empty() ? "/" : *directory, error);
+    const std::set<fs::path> tokens = entries_of(directory->empty() ? "/" : *directory, error);
     if (error) {
         report_directory(report, key.name(), *directory, error.value());
-        return;
     }
-    for (const fs::path &token : std::set<fs::path>(begin(tokens), end(tokens))) {
+    for (const fs::path &token : tokens) {
         check_token(report, key.name(), token);
     }
 }

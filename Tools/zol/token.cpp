@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <new>
 
 #include "command.h"
 
@@ -137,6 +139,18 @@ json as_json(const std::string &name, std::string_view bytes)
     return json::object({{"name", name}, {"size", bytes.size()}, content});
 }
 
+int answer(context &with, const std::string &name, std::string_view bytes)
+{
+    if (with.json) {
+        with.out.answer(as_json(name, bytes));
+    } else if (with.has("--raw")) {
+        with.out.raw(bytes);
+    } else {
+        print_token(with.out, name, bytes);
+    }
+    return done;
+}
+
 } // namespace
 
 int token_list(context &with)
@@ -172,20 +186,15 @@ int token_show(context &with)
     if (!size) {
         return refuse(with, "no token " + name + " in " + g_tokensPath);
     }
-    std::vector<std::byte> buffer(*size);
-    const auto read = zol::read_token(name.c_str(), buffer);
+    const std::unique_ptr<std::byte[]> buffer(new (std::nothrow) std::byte[*size]);
+    if (buffer == nullptr) {
+        return refuse(with, "no memory for the " + std::to_string(*size) + " bytes of the token " + name);
+    }
+    const auto read = zol::read_token(name.c_str(), std::span(buffer.get(), *size));
     if (!read) {
         return refuse(with, "the token " + name + " cannot be read");
     }
-    const std::string_view bytes(reinterpret_cast<const char *>(read->data()), read->size());
-    if (with.json) {
-        with.out.answer(as_json(name, bytes));
-    } else if (with.has("--raw")) {
-        with.out.raw(bytes);
-    } else {
-        print_token(with.out, name, bytes);
-    }
-    return done;
+    return answer(with, name, {reinterpret_cast<const char *>(read->data()), read->size()});
 }
 
 } // namespace zol_tool

@@ -3,7 +3,8 @@
 #
 # The lines below a line "$ COMMAND" are its output: both standard streams without the lines of the log, and the exit status
 # in brackets unless it is 0. The commands run one after the other, each in a shell of its own. Empty lines and lines that
-# begin with "#" are comments. The variable SCRATCH names a directory for files; in the output its path appears as SCRATCH.
+# begin with "#" are comments. The variable SCRATCH names a directory for files; in the output its path appears as SCRATCH. A
+# file of the transcript's name with the ending .sh has functions for it.
 # usage: transcript.sh TRANSCRIPT BIN_DIRECTORY [OPTION_OF_KIVBOARD_RUN...]
 #        transcript.sh TRANSCRIPT BIN_DIRECTORY --no-board    without a board
 set -u
@@ -53,24 +54,6 @@ texts() {
         sed 's/\(ASSERT FAILED [^ ]*\)\[[0-9]*\]$/\1/'
 }
 
-# console OPTIONS LINE...: types lines into the console of a test module, and shows them with the answers.
-console() {
-    local options=$1
-    shift
-    # shellcheck disable=SC2086 # several options
-    printf '%s\n' "$@" | kivtest.exe $options -i 2> /dev/null | sed 's/<cmd>: /&\n/g' | texts '[EP]R[NR][RT]' |
-        cat -v | sed -n '/<cmd>: $/,/exiting interactive mode/p' |
-        while IFS= read -r text; do
-            case $text in
-            *': <cmd>: ')
-                echo "> ${1:-}"
-                shift
-                ;;
-            *) echo "$text" ;;
-            esac
-        done
-}
-
 # configured SED_SCRIPT OPTION...: runs kivtest.exe with the configuration as the script edits it.
 configured() {
     sed "$1" Conf/kiv_test.xml > "$SCRATCH/conf.xml"
@@ -104,12 +87,6 @@ chips() {
     LD_PRELOAD=$libraries/gpio_chips.so ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0 "$@"
 }
 
-# calls PYTHON: calls the library z from Python, and shows the errors in its log.
-calls() {
-    python3 -c "from ctypes import *; z = CDLL('$libraries/libzol.so.0'); z.kiv_message_new.restype = c_void_p; $1" \
-        2> /dev/null | texts ERRR | grep -v 'ASSERT FAILED'
-}
-
 # describe XML COMMAND...: runs a command on a board with this description.
 describe() {
     printf '%b' "$1" > "$SCRATCH/board.xml"
@@ -117,102 +94,11 @@ describe() {
     kivboard run --board "$SCRATCH/board.xml" -- "$@"
 }
 
-# For the transcripts: converse MODULE LINE...: types lines into the console of a test module, each after the answer
-# to the one before. ID1, ID2, ... stand for the identifiers that the console has printed. "await TEXT" asks for help
-# until the console has printed TEXT.
-converse() {
-    local heard='' line number from to pid prompt='<cmd>: '
-    local -a ids=()
-    mkfifo "$SCRATCH/questions" "$SCRATCH/answers"
-    kivtest.exe -m "$1" -i < "$SCRATCH/questions" > "$SCRATCH/answers" 2> /dev/null &
-    pid=$!
-    exec {to}> "$SCRATCH/questions" {from}< "$SCRATCH/answers"
-    rm "$SCRATCH/questions" "$SCRATCH/answers"
-    hear > /dev/null
-    printf %s "$prompt"
-    for line in "${@:2}"; do
-        if [[ $line == 'await '* ]]; then
-            until [[ $heard == *"${line#await }"* ]]; do
-                echo help >&"$to"
-                hear || break
-            done
-        else
-            echo "$line"
-            for number in "${!ids[@]}"; do line=${line//ID$((number + 1))/${ids[number]}}; done
-            echo "$line" >&"$to"
-            hear
-        fi
-    done
-    exec {to}>&-
-    cat <&"$from"
-    wait "$pid"
-}
-
-# For converse: shows an answer up to the next prompt.
-hear() {
-    local answer='' byte status=0
-    while [[ $status -eq 0 && $answer != *"$prompt" ]]; do
-        IFS= read -r -N 1 -t 30 -u "$from" byte || status=1
-        answer+=$byte
-    done
-    if [[ $answer =~ ID\ ?=\ ?(-?[0-9]+) && " ${ids[*]} " != *" ${BASH_REMATCH[1]} "* ]]; then
-        ids+=("${BASH_REMATCH[1]}")
-    fi
-    for number in "${!ids[@]}"; do answer=${answer//"${ids[number]}"/ID$((number + 1))}; done
-    heard+=$answer
-    printf %s "$answer"
-    return $status
-}
-
-# For the transcripts: a broker of MQTT on a free port, with its log in broker.log. Once more: on the same port, with its memory.
-broker() {
-    local port
-    for port in $(cat "$SCRATCH/port" 2> /dev/null || shuf -i 20000-32000 -n 20); do
-        printf '%s\n' "listener $port 127.0.0.1" 'allow_anonymous true' "user $(id -un)" "pid_file $SCRATCH/broker.pid" \
-            'persistence true' "persistence_location $SCRATCH/" 'autosave_on_changes true' 'autosave_interval 1' \
-            'log_type all' > "$SCRATCH/broker.conf"
-        timeout 300 mosquitto -c "$SCRATCH/broker.conf" > "$SCRATCH/broker.log" 2>&1 &
-        eventually "grep -q 'running\$\|Error' $SCRATCH/broker.log"
-        ! grep -q 'Error' "$SCRATCH/broker.log" || continue
-        echo "$port" > "$SCRATCH/port"
-        return 0
-    done
-    cat "$SCRATCH/broker.log"
-    return 1
-}
-
-# board NAME OPTION...: a board of a fleet, with its input in NAME.in and its output in NAME.out.
-board() {
-    local files=$SCRATCH/$1
-    mkfifo "$files.in"
-    # shellcheck disable=SC2016 # the inner shell expands it
-    {
-        timeout 300 sh -c 'echo $$ > "$0.pid"; exec events_console "$@"' "$files" --board "$@" \
-            --port "$(cat "$SCRATCH/port")"
-        echo "[$?]"
-    } <> "$files.in" > "$files.out" 2> /dev/null &
-    eventually "[ -s $files.pid ]"
-}
-
-# say BOARD LINE LISTENER...: types a line into a board, and waits until the listeners have heard it.
-say() {
-    echo "$2" > "$SCRATCH/$1.in"
-    local listener
-    for listener in "${@:3}"; do
-        eventually "grep -qxF -- '$2' $SCRATCH/$listener.out" || echo "$listener does not hear '$2'"
-    done
-}
-
-# stop BOARD...: ends boards, and shows their status and what they have counted.
-stop() {
-    local name
-    for name in "$@"; do
-        kill "$(cat "$SCRATCH/$name.pid")"
-        eventually "grep -q '^\[' $SCRATCH/$name.out"
-        echo "$name: $(sed -n '$p' "$SCRATCH/$name.out") $(texts PRNT < "$SCRATCH/$name.out" | sed -n 's/^fleet_leave: //p')"
-    done
-}
-export -f texts findings chips calls forbidden
+# Functions of this transcript alone.
+functions=${transcript%.txt}.sh
+# shellcheck disable=SC1090 # each transcript has its own
+[ ! -e "$functions" ] || source "$functions"
+export -f texts findings chips forbidden # for commands in shells of their own
 
 perform() {
     (eval "$1") 2>&1 < /dev/null | sed "/^T  *[0-9.]* *\x1b\[[0-9]*m\[/d; s|$SCRATCH|SCRATCH|g"

@@ -164,6 +164,9 @@ run_line_steps() {
     step "lines: a callback"            '"test"   input  active-high [used]' \
         use_pins 'alloc 40\nset 40 1\nreg 40 0 4\n' '"test"   input' gpioinfo 20a0000.gpio
     step "lines: no level interrupts"   "a line of a GPIO chip has edges only" use_pins 'alloc 40\nreg 40 1 1\n'
+    step "lines: checked by zol"        "the library starts: 0 errors, 0 warnings" zol conf check /tmp/lines.xml
+    step "lines: driven by zol"         ""                          zol --conf /tmp/lines.xml gpio set 201=1
+    step "lines: read by zol"           "201=1"                     zol --conf /tmp/lines.xml gpio get 201
     step "lines: in use by the kernel"  'line 1 of 20a0000.gpio is in use by "Menu"' use_pins 'alloc 33\n'
     step "lines: in use by a program"   'line 8 of 20a0000.gpio is in use by "test"' \
         use_pins 'alloc 40\n' 'is in use by' another_program 40
@@ -217,6 +220,11 @@ run_interrupt_steps() {
     step "interrupts: 100 pulses, rising"     "100 callbacks"       count_callbacks 3
     step "interrupts: 100 pulses, falling"    "100 callbacks"       count_callbacks 2
     step "interrupts: 100 pulses, both edges" "200 callbacks"       count_callbacks 4
+    {
+        sleep 2
+        echo pulse > /dev/console
+    } &
+    step "interrupts: zol waits for one"      "pin 3"               zol --conf /tmp/lines.xml gpio wait 3 -t 60s
     step "removed chip: the library rests"    "it does not spin"    remove_the_chip
     step "removed chip: reading a level"      "gpio 3 is not read, errno 19" cat /tmp/removed
     step "removed chip: the listener"         "gpio 3 reports an error" cat /tmp/removed
@@ -270,6 +278,9 @@ run_steps() {
     step "no bus"                      "ASSERT FAILED [Src/kiv_i2c]" kivtest.exe -t read_i2c -b 3 -d 0x33
 
     step "i2c-tools: answers as on the virtual board" ""        /init --transcript Tests/transcripts/i2c_tools.txt
+
+    step "zol: the devices of a bus"   "0x68"                      zol i2c scan -b 0
+    step "zol: registers of 16 bits"   "0x0123: 0xa5"              zol i2c get -b 1 -d 0x50 --16 -r 0x123
 
     echo '<board><bus number="5" node="/dev/i2c-0"/></board>' > /tmp/forwarded.xml
     step "a forwarded bus: its journal" "W[30] R[66] ok, "          kivboard run --board /tmp/forwarded.xml -- \

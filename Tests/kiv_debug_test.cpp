@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -47,6 +48,42 @@ TEST(Debug, WritesTheExactLine)
                     std::to_string(__LINE__ - 2) + " : \033[0mVersion : 0.1.0\n";
     }
     EXPECT_EQ(log.out(), expected);
+}
+
+// The library formats simple conversions by itself, and leaves the rest of a line to the C library.
+#define EXPECT_AS_PRINTED(...)                                                                               \
+    do {                                                                                                     \
+        char expected[3000];                                                                                 \
+        std::snprintf(expected, sizeof expected, __VA_ARGS__);                                               \
+        log_capture log;                                                                                     \
+        KIV_LOG_PRNT("<" __VA_ARGS__);                                                                       \
+        const std::string out = log.out();                                                                   \
+        EXPECT_EQ(out.substr(out.find('<') + 1), expected);                                                  \
+    } while (0)
+
+TEST(Debug, FormatsLikePrintf)
+{
+    g_debugLevel = 2;
+    for (const int value : {0, 1, 9, 10, -10, 99, 100, 9999, 10000, -12345678, INT_MAX, INT_MIN}) {
+        EXPECT_AS_PRINTED("%d|%i|%3d|%-3d|%03d|%-12d|%012d|%99d|%099d\n", value, value, value, value, value,
+                          value, value, value, value);
+        const auto bits = static_cast<unsigned>(value);
+        EXPECT_AS_PRINTED("%u|%x|%12u|%-12x|%02x|%08x|%99x\n", bits, bits, bits, bits, bits, bits, bits);
+    }
+    const char *volatile no_text = nullptr; // volatile, so that the compiler does not see it
+    const std::string name = "name";
+    const std::string very_long(2000, 'l');
+    for (const char *const text : {"", "a", "exactly eight"}) {
+        EXPECT_AS_PRINTED("%s|%8s|%-8s|%.3s|%-8.3s|%s", text, text, text, text, text, text);
+    }
+    EXPECT_AS_PRINTED("%s%s%d", very_long.c_str(), name.c_str(), 7);
+    EXPECT_AS_PRINTED("%4d%s%d", 6, no_text, 7);
+    EXPECT_AS_PRINTED("%d%% of %300d %c %p %ld %5.2f %s %#x %+d", 1, 2, 'c', nullptr, 3L, 4.0, "5", 6U, 7);
+    for (const std::size_t size :
+         {300U, 310U, 380U, 420U, 425U, 430U, 512U}) { // the end of the library's own room
+        const std::string text(size, 't');
+        EXPECT_AS_PRINTED("%s%s%d%-50s%d\n", text.c_str(), name.c_str(), 1, "x", 2);
+    }
 }
 
 TEST(Debug, ShowsTheLevelsUpToTheConfiguredOne)

@@ -6,17 +6,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
-#include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <iterator>
-#include <string_view>
 
 #include "common/cancellation.h"
 #include "common/mutex.h"
+#include "line_start.h"
 #include "log_as.h"
 #include "zol/kiv_config.h"
 #include "zol/kiv_status.h"
@@ -39,8 +35,8 @@ std::atomic<std::time_t> g_start_tp{not_yet};
 kiv::mutex g_printLock;
 
 struct elapsed_time {
-    std::time_t seconds;
-    long milliseconds; // within the wall-clock second: the start's own fraction is not taken off
+    int seconds;
+    int milliseconds; // within the wall-clock second: the start's own fraction is not taken off
 };
 
 elapsed_time elapsed_since_first_message() noexcept
@@ -52,7 +48,7 @@ elapsed_time elapsed_since_first_message() noexcept
         g_start_tp.compare_exchange_strong(start, now.tv_sec, std::memory_order_relaxed)) {
         start = now.tv_sec;
     }
-    return {now.tv_sec - start, now.tv_usec / 1000};
+    return {static_cast<int>(now.tv_sec - start), static_cast<int>(now.tv_usec / 1000)};
 }
 
 void lock_log() noexcept KIV_ACQUIRE(g_printLock)
@@ -72,123 +68,24 @@ __attribute__((constructor)) void register_fork_handlers() noexcept
     pthread_atfork(lock_log, unlock_log, unlock_log);
 }
 
-// A level's prefix is its beginning, the name in 35 columns, a blank, the line in 4, and its end.
-constexpr std::string_view prefix_end = " : \033[0m";
-constexpr std::string_view conversions = "%35s %4d";
-constexpr int name_width = 35;
-constexpr int line_width = 4;
-
-constexpr std::string_view beginning_of(std::string_view prefix)
-{
-    return prefix.substr(0, prefix.size() - prefix_end.size() - conversions.size());
-}
-
-constexpr std::string_view prefixes[] = {KIV_LOG_PREFIX_ERRR, KIV_LOG_PREFIX_PRNT, KIV_LOG_PREFIX_INF1,
-                                         KIV_LOG_PREFIX_INF2};
-
-// The prefix of a level that has none is the one of the finest.
-constexpr std::string_view prefix_of(std::uint32_t level) noexcept
-{
-    return prefixes[std::clamp(level, kiv::level::ERRR, kiv::level::INF2) - kiv::level::ERRR];
-}
-
-// The beginning of a message: the time and, mostly, the prefix of its level. It is put together by hand, since the
-// general formatter takes longer for it than for the rest of a line.
-class heading
-{
-public:
-    // "T %3d.%-3d "
-    explicit heading(const elapsed_time &elapsed) noexcept
-    {
-        add("T ");
-        add_number(static_cast<int>(elapsed.seconds), 3);
-        add(".");
-        const char *const fraction_end = end_ + 3;
-        add_number(static_cast<int>(elapsed.milliseconds), 0);
-        add_blanks(fraction_end - end_);
-        add(" ");
-    }
-
-    // @return False when there is no name, or a very long one: nothing is added.
-    bool add_prefix(std::uint32_t level, const char *function, int line) noexcept
-    {
-        if (function == nullptr || std::strlen(function) > longest_name) {
-            return false;
-        }
-        const std::string_view name = function;
-        add(beginning_of(prefix_of(level)));
-        add_blanks(name_width - static_cast<std::ptrdiff_t>(name.size()));
-        add(name);
-        add(" ");
-        add_number(line, line_width);
-        add(prefix_end);
-        return true;
-    }
-
-    [[nodiscard]] std::string_view text() const noexcept
-    {
-        return {text_, static_cast<std::size_t>(end_ - text_)};
-    }
-
-private:
-    static constexpr std::size_t longest_name = 160;
-
-    void add(std::string_view more) noexcept { end_ = std::copy(more.begin(), more.end(), end_); }
-
-    void add_blanks(std::ptrdiff_t count) noexcept
-    {
-        end_ = std::fill_n(end_, std::max<std::ptrdiff_t>(count, 0), ' ');
-    }
-
-    void add_number(int number, std::ptrdiff_t width) noexcept
-    {
-        char digits[24];
-        const char *const digits_end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
-        add_blanks(width - (digits_end - digits));
-        add({digits, static_cast<std::size_t>(digits_end - digits)});
-    }
-
-    char text_[256];
-    char *end_ = text_;
-};
-
-// Moves the prefix of a format into the heading, and its two arguments with it. Any other format stays as it is.
-// @return The rest of the format.
-[[gnu::format_arg(3)]] const char *take_prefix(heading &before, std::uint32_t level, const char *format,
-                                               va_list &arguments) noexcept
-{
-    const std::string_view prefix = prefix_of(level);
-    if (std::strncmp(format, prefix.data(), prefix.size()) != 0) {
-        return format;
-    }
-    va_list taken;
-    va_copy(taken, arguments);
-    const char *const function = va_arg(taken, const char *);
-    const int line = va_arg(taken, int);
-    const bool is_added = before.add_prefix(level, function, line);
-    if (is_added) {
-        va_end(arguments);
-        va_copy(arguments, taken);
-    }
-    va_end(taken);
-    return is_added ? format + prefix.size() : format;
-}
-
+// @param format  The rest of the line.
 KIV_PRINTF_LIKE(3, 0)
-void write_message(FILE *stream, const heading &before, const char *format, va_list arguments) noexcept
-    KIV_REQUIRES(g_printLock)
+void write_message(FILE *stream, const kiv::line_start &before, const char *format,
+                   va_list arguments) noexcept KIV_REQUIRES(g_printLock)
 {
-    va_list own;
-    va_copy(own, arguments);
     flockfile(stream); // once for both
     fwrite_unlocked(before.text().data(), 1, before.text().size(), stream);
-    std::vfprintf(stream, format, own);
+    if (*format != '\0') {
+        va_list own;
+        va_copy(own, arguments);
+        std::vfprintf(stream, format, own);
+        va_end(own);
+    }
     funlockfile(stream);
-    va_end(own);
 }
 
 KIV_PRINTF_LIKE(3, 0)
-void write_to_streams(std::uint32_t level, const heading &before, const char *format,
+void write_to_streams(std::uint32_t level, const kiv::line_start &before, const char *format,
                       va_list arguments) noexcept
 {
     const kiv::cancellation_off uncancelled;
@@ -206,14 +103,16 @@ void write_to_streams(std::uint32_t level, const heading &before, const char *fo
 void kiv::log_at(std::uint32_t level, const char *function, int line, const char *text, ...) noexcept
 {
     const int saved_errno = errno;
-    heading before(elapsed_since_first_message());
+    const elapsed_time elapsed = elapsed_since_first_message();
+    kiv::line_start start(elapsed.seconds, elapsed.milliseconds);
     if (stdout == nullptr) {
         return;
     }
-    before.add_prefix(level, function, line);
+    start.add_prefix(level, function, line);
     va_list arguments;
     va_start(arguments, text);
-    write_to_streams(level, before, text, arguments);
+    const char *const rest = start.add(text, arguments);
+    write_to_streams(level, start, rest, arguments);
     va_end(arguments);
     errno = saved_errno;
 }
@@ -226,14 +125,16 @@ void kiv::report_failed_assertion(const char *source, const char *function, int 
 void _kiv_block_print(int level, const char *format, ...)
 {
     const int saved_errno = errno;
-    heading before(elapsed_since_first_message());
+    const elapsed_time elapsed = elapsed_since_first_message();
+    kiv::line_start start(elapsed.seconds, elapsed.milliseconds);
     if (stdout == nullptr) {
         return;
     }
     va_list arguments;
     va_start(arguments, format);
-    const char *const text = take_prefix(before, static_cast<std::uint32_t>(level), format, arguments);
-    write_to_streams(static_cast<std::uint32_t>(level), before, text, arguments);
+    const char *const text = start.take_prefix(static_cast<std::uint32_t>(level), format, arguments);
+    const char *const rest = start.add(text, arguments);
+    write_to_streams(static_cast<std::uint32_t>(level), start, rest, arguments);
     va_end(arguments);
     errno = saved_errno;
 }

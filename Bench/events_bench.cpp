@@ -303,14 +303,14 @@ void nobody_waits(benchmark::State &state)
     std::vector<char> block(batch * sizeof(record));
     channel.send(ordinary); // the first notification may allocate
     must(read(channel.fd(), block.data(), block.size()) == sizeof(record));
-    const unsigned long before = zol_bench::allocations();
+    const zol_bench::allocation_count allocations;
     for (auto _ : state) {
         for (int i = 0; i < batch; ++i) {
             channel.send(ordinary);
         }
         must(read(channel.fd(), block.data(), block.size()) == static_cast<ssize_t>(block.size()));
     }
-    if (zol_bench::allocations() != before) {
+    if (allocations.so_far() != 0) {
         state.SkipWithError("steady notifications allocate");
     }
     state.SetItemsProcessed(state.iterations() * batch);
@@ -340,12 +340,12 @@ void wait_ours(benchmark::State &state)
     }
     events.back()->send(ordinary);
     must(kiv_events_wait_for(entries.data(), static_cast<uint32_t>(count), 0) == KIV_OK);
-    const unsigned long before = zol_bench::allocations();
+    const zol_bench::allocation_count allocations;
     for (auto _ : state) {
         events.back()->send(ordinary);
         must(kiv_events_wait_for(entries.data(), static_cast<uint32_t>(count), 0) == KIV_OK);
     }
-    if (count <= no_allocation_up_to && zol_bench::allocations() != before) {
+    if (count <= no_allocation_up_to && allocations.so_far() != 0) {
         state.SkipWithError("a wait allocates");
     }
 }

@@ -88,11 +88,11 @@ void get_ours(benchmark::State &state)
 {
     const pins allocated(state, first, static_cast<int>(state.range(0)));
     int value = 0;
-    const unsigned long before = zol_bench::allocations();
+    const zol_bench::allocation_count allocations;
     for (auto _ : state) {
         benchmark::DoNotOptimize(kiv_gpio_get(first, &value));
     }
-    if (zol_bench::allocations() != before) {
+    if (allocations.so_far() != 0) {
         state.SkipWithError("reading a level allocates");
     }
 }
@@ -119,11 +119,11 @@ void get_bare_real(benchmark::State &state)
 void set_ours(benchmark::State &state)
 {
     const pins allocated(state, first_pin, static_cast<int>(state.range(0)));
-    const unsigned long before = zol_bench::allocations();
+    const zol_bench::allocation_count allocations;
     for (auto _ : state) {
         benchmark::DoNotOptimize(kiv_gpio_set(first_pin, 1));
     }
-    if (zol_bench::allocations() != before) {
+    if (allocations.so_far() != 0) {
         state.SkipWithError("setting a level allocates");
     }
 }
@@ -221,7 +221,7 @@ void interrupts(benchmark::State &state)
     if (!side.raise(1) || !arrived.await()) { // the first may allocate
         state.SkipWithError(no_board);
     }
-    const unsigned long before = zol_bench::allocations();
+    const zol_bench::allocation_count allocations;
     for (auto _ : state) {
         arrived.awaited = arrived.count + static_cast<long>(at_once);
         if (!side.raise(at_once) || !arrived.await()) {
@@ -229,7 +229,7 @@ void interrupts(benchmark::State &state)
             break;
         }
     }
-    if (zol_bench::allocations() != before) {
+    if (allocations.so_far() != 0) {
         state.SkipWithError("an interrupt allocates");
     }
 }

@@ -17,7 +17,20 @@ struct row {
 /// Adds to the table. Called while the program starts, beside the registration of the benchmarks.
 bool add_rows(std::vector<row> rows);
 
-/// How often the program has allocated memory since it started.
-unsigned long allocations();
+/// Counts the allocations of all threads while it exists. They are not counted otherwise: that takes time, of which peers
+/// that allocate aligned memory are spared.
+class allocation_count
+{
+public:
+    allocation_count() noexcept;
+    ~allocation_count();
+    allocation_count(const allocation_count &) = delete;
+    allocation_count &operator=(const allocation_count &) = delete;
+
+    [[nodiscard]] unsigned long so_far() const noexcept;
+
+private:
+    unsigned long before_;
+};
 
 } // namespace zol_bench

@@ -94,14 +94,14 @@ void producer_ours(benchmark::State &state)
     const open_log opened(state, 2);
     log_burst(opened.log); // GLib's own stocks of list nodes are filled by the first ones
     wait_until_written(opened.log);
-    const unsigned long before = zol_bench::allocations();
+    const zol_bench::allocation_count allocations;
     for (auto _ : state) {
         log_burst(opened.log);
         state.PauseTiming();
         wait_until_written(opened.log);
         state.ResumeTiming();
     }
-    if (zol_bench::allocations() != before) {
+    if (allocations.so_far() != 0) {
         state.SkipWithError("kiv_tl allocates");
     }
 }

@@ -37,12 +37,15 @@ rendezvous *sender_of(const kiv_message *message) noexcept
 
 // Senders are refused from here on. The messages that are left are dropped without the lock: dropping one may wait
 // for its sender.
-void close(const worker &self)
+void close(worker &self)
 {
     {
         const queue_lock lock(self.queue.get());
         close_queue(self.queue.get());
         set_running(self.thread, 0);
+    }
+    while (gpointer const message = self.reader.pop_taken()) {
+        drop(static_cast<kiv_message *>(message));
     }
     while (kiv_message *const message = take_left_over(self.queue.get())) {
         drop(message);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -19,6 +20,20 @@ namespace
 
 constexpr long us_per_second = 1'000'000;
 constexpr char writer_routine[] = "kiv_tl_worker_thread";
+
+// "%ld.%06ld,"
+char *write_time(char *at, char *end, const timeval &time) noexcept
+{
+    at = std::to_chars(at, end, time.tv_sec).ptr;
+    *at++ = '.';
+    char *const fraction_end = at + 6;
+    auto left = static_cast<std::uint32_t>(time.tv_usec);
+    for (char *digit = fraction_end; digit != at; left /= 10) {
+        *--digit = static_cast<char>('0' + left % 10);
+    }
+    *fraction_end = ',';
+    return fraction_end + 1;
+}
 
 } // namespace
 
@@ -117,19 +132,22 @@ void csv_writer::flush() noexcept
     }
 }
 
-// "%ld.%06ld,"
+void csv_writer::begin_event(const timeval &time) noexcept
+{
+    time_size_ = static_cast<std::size_t>(write_time(time_.data(), time_.end(), time) - time_.data());
+}
+
+void csv_writer::begin_row() noexcept
+{
+    make_room(longest_cell);
+    std::memcpy(&block_[used_], time_.data(), time_.size()); // of a fixed size, so without a call
+    used_ += time_size_;
+}
+
 void csv_writer::time_cell(const timeval &time) noexcept
 {
     make_room(longest_cell);
-    char *at = std::to_chars(&block_[used_], block_.end(), time.tv_sec).ptr;
-    *at++ = '.';
-    char *const fraction_end = at + 6;
-    long left = time.tv_usec;
-    for (char *digit = fraction_end; digit != at; left /= 10) {
-        *--digit = static_cast<char>('0' + left % 10);
-    }
-    *fraction_end = ',';
-    used_ = static_cast<std::size_t>(fraction_end + 1 - block_.data());
+    used_ = static_cast<std::size_t>(write_time(&block_[used_], block_.end(), time) - block_.data());
 }
 
 void csv_writer::lane_cell(int32_t value) noexcept

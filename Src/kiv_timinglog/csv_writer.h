@@ -36,6 +36,10 @@ class csv_writer
 public:
     csv_writer(FILE *stream, const char *file_name) noexcept : stream_(stream), file_name_(file_name) {}
 
+    /// @param time  Of all its rows, which begin with it.
+    void begin_event(const timeval &time) noexcept;
+    void begin_row() noexcept;
+
     /// Each cell of a row ends with a comma.
     void time_cell(const timeval &time) noexcept;
     void lane_cell(int32_t value) noexcept;
@@ -50,7 +54,7 @@ public:
 
 private:
     static constexpr std::size_t block_size = 4096;
-    static constexpr std::size_t longest_cell = 48;
+    static constexpr std::size_t longest_cell = 32;
 
     void make_room(std::size_t size) noexcept;
     void hand_over_block() noexcept;
@@ -69,6 +73,8 @@ private:
     bool is_given_up_ = false;
     bool is_event_lost_ = false; // the one in the block
     bool is_flushed_ = true;
+    std::size_t time_size_ = 0;
+    std::array<char, longest_cell> time_ = {};
     std::array<char, block_size> block_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -19,7 +20,10 @@ constexpr gint64 flush_interval_us = 10'000;
 
 // Events come fast when the mean time between them is shorter.
 constexpr gint64 fast_us = 50;
-constexpr gulong nap_us = 100;
+
+// A sleep costs as much as tens of rows, so it lasts until an eighth of the pool is used at the present rate.
+constexpr gint64 longest_nap_us = 500;
+constexpr gint64 events_per_nap = pool_size / 8;
 
 enum class row_kind { state, event };
 
@@ -64,7 +68,7 @@ void write_delta(timing_log &log, kiv_tl_map_entry &matched, const kiv_tl_msg &m
 
 void kiv_tl_log_mark(timing_log &log, const kiv_tl_msg &msg, row_kind kind)
 {
-    log.csv->time_cell(since(log.start_time, msg.stamp));
+    log.csv->begin_row();
     kiv_tl_map_entry *matched = nullptr;
     if (is_marker(msg.event_id)) {
         write_levels(log, msg.event_id);
@@ -82,6 +86,7 @@ void kiv_tl_log_mark(timing_log &log, const kiv_tl_msg &msg, row_kind kind)
 void write_rows(timing_log &log, const kiv_tl_msg &msg)
 {
     const bool is_event = !is_marker(msg.event_id);
+    log.csv->begin_event(since(log.start_time, msg.stamp));
     if (is_event) {
         kiv_tl_log_mark(log, msg, row_kind::state);
     }
@@ -93,10 +98,15 @@ void write_rows(timing_log &log, const kiv_tl_msg &msg)
 }
 
 // A producer that finds the writer waiting at the queue has to wake it up, which costs more than all the rest. So
-// while events come fast, the writer sleeps instead; the pool holds the events of so short a time.
-gpointer pop_after_nap(const timing_log &log)
+// while events come fast, the writer sleeps instead. @return The time for that, or 0: they do not come fast.
+gint64 nap_after(gint64 elapsed_us, gint64 taken) noexcept
 {
-    g_usleep(nap_us);
+    return elapsed_us < fast_us * taken ? std::min(events_per_nap * elapsed_us / taken, longest_nap_us) : 0;
+}
+
+gpointer pop_after_nap(const timing_log &log, gint64 nap_us)
+{
+    g_usleep(static_cast<gulong>(nap_us));
     return g_async_queue_try_pop(log.pending_msgs_queue);
 }
 
@@ -105,8 +115,8 @@ gpointer flush_or_pop(timing_log &log)
 {
     const gint64 now = g_get_monotonic_time();
     const gint64 left = log.next_flush_us - now;
-    const bool is_fast = now - std::exchange(log.last_empty_us, now) < fast_us * std::exchange(log.taken, 0);
-    gpointer msg = left > 0 && is_fast ? pop_after_nap(log) : nullptr;
+    const gint64 nap_us = nap_after(now - std::exchange(log.last_empty_us, now), std::exchange(log.taken, 0));
+    gpointer msg = left > 0 && nap_us > 0 ? pop_after_nap(log, nap_us) : nullptr;
     if (msg == nullptr && left > 0) {
         msg = g_async_queue_timeout_pop(log.pending_msgs_queue, static_cast<guint64>(left));
     }
@@ -117,33 +127,29 @@ gpointer flush_or_pop(timing_log &log)
     return msg;
 }
 
-kiv_tl_msg *next_message(timing_log &log)
+// The queue is empty. @return The next message.
+gpointer wait_for_message(timing_log &log)
 {
-    gpointer msg = g_async_queue_try_pop(log.pending_msgs_queue);
-    if (msg == nullptr && !log.csv->is_flushed()) {
-        msg = flush_or_pop(log);
-    }
-    return received(msg != nullptr ? msg : g_async_queue_pop(log.pending_msgs_queue));
+    gpointer const msg = log.csv->is_flushed() ? nullptr : flush_or_pop(log);
+    return msg != nullptr ? msg : g_async_queue_pop(log.pending_msgs_queue);
 }
 
 // Messages that are taken together: the writer and the producers meet at the queues' locks less often.
 class batch
 {
 public:
-    // Takes the next message, and others that wait behind it.
+    // Takes the messages that wait, up to a stop, or the next one.
     void take(timing_log &log)
     {
-        messages_[0] = next_message(log);
-        count_ = 1;
+        count_ = 0;
         g_async_queue_lock(log.pending_msgs_queue);
-        while (count_ < messages_.size() && !ends_with_stop()) {
-            kiv_tl_msg *const msg = received(g_async_queue_try_pop_unlocked(log.pending_msgs_queue));
-            if (msg == nullptr) {
-                break;
-            }
-            messages_[count_++] = msg;
+        while (count_ < messages_.size() && !ends_with_stop() &&
+               add(g_async_queue_try_pop_unlocked(log.pending_msgs_queue))) {
         }
         g_async_queue_unlock(log.pending_msgs_queue);
+        if (count_ == 0) {
+            add(wait_for_message(log));
+        }
         log.taken += static_cast<gint64>(count_);
     }
 
@@ -154,7 +160,10 @@ public:
         }
     }
 
-    [[nodiscard]] bool ends_with_stop() const { return messages_[count_ - 1]->event_id == stop_marker; }
+    [[nodiscard]] bool ends_with_stop() const
+    {
+        return count_ > 0 && messages_[count_ - 1]->event_id == stop_marker;
+    }
 
     void give_back(const timing_log &log) const
     {
@@ -167,7 +176,15 @@ public:
     }
 
 private:
-    std::array<kiv_tl_msg *, 32> messages_ = {};
+    bool add(gpointer msg)
+    {
+        if (msg != nullptr) {
+            messages_[count_++] = received(msg);
+        }
+        return msg != nullptr;
+    }
+
+    std::array<kiv_tl_msg *, 128> messages_ = {};
     std::size_t count_ = 0;
 };
 

@@ -260,6 +260,16 @@ TEST_F(GpioListener, ACancelledThreadLeavesNoLockBehind)
         ADD_FAILURE() << "not cancelled";
     }).join();
     EXPECT_EQ(kiv_gpio_free(5), KIV_ERR_INVALID_PARAM);
+    request(5);
+    std::thread([] {
+        pthread_cancel(pthread_self());
+        int level = -1;
+        EXPECT_EQ(kiv_gpio_set(5, 1), KIV_OK);
+        EXPECT_EQ(kiv_gpio_get(5, &level), KIV_OK);
+        pthread_testcancel();
+        ADD_FAILURE() << "not cancelled";
+    }).join();
+    EXPECT_EQ(kiv_gpio_free(5), KIV_OK);
 }
 
 TEST_F(GpioListener, CallbacksMayNotCallTheModule)

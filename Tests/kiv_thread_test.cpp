@@ -191,6 +191,9 @@ TEST_F(Worker, ReleasesSendersWhenItEnds)
 {
     held_ = true;
     run();
+    const auto queued = [&] { return g_async_queue_length(worker_.msgQueue); };
+    EXPECT_EQ(send(data_message), KIV_OK) << "holds the worker, which then takes all others at once";
+    EXPECT_TRUE(zol_test::eventually([&] { return queued() == 0; }));
     EXPECT_EQ(send(ending_message), KIV_OK);
     EXPECT_EQ(send(data_message), KIV_OK) << "freed, not handled";
     std::atomic<int> released{0};
@@ -198,7 +201,7 @@ TEST_F(Worker, ReleasesSendersWhenItEnds)
     for (int i = 0; i < 4; ++i) {
         senders.emplace_back([&] { released += send(data_message, true) == KIV_ERR_STATE ? 1 : 0; });
     }
-    EXPECT_TRUE(zol_test::eventually([&] { return g_async_queue_length(worker_.msgQueue) >= 5; }));
+    EXPECT_TRUE(zol_test::eventually([&] { return queued() == 6; }));
     held_ = false;
     senders.clear(); // joins them
     EXPECT_EQ(released, 4);
@@ -207,7 +210,7 @@ TEST_F(Worker, ReleasesSendersWhenItEnds)
     EXPECT_TRUE(log_.has(
         "ERRR", "thread (a worker's name, too long for a thread) has no worker to handle message (100)"));
     EXPECT_EQ(kiv_thread_stop(&worker_), KIV_OK) << "joins it";
-    EXPECT_EQ(handled_, ids{ending_message});
+    EXPECT_EQ(handled_, (ids{data_message, ending_message}));
 }
 
 TEST_F(Worker, RefusesItsOwnHandler)

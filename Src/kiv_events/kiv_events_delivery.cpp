@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <utility>
 
 #include "cancellation.h"
+#include "common/bare_calls.h"
 #include "common/text.h"
 #include "common/tsan.h"
 #include "kiv_debug/call_trace.h"
@@ -100,12 +100,11 @@ bool assemble(kiv_event_item &item, const void *payload, uint32_t size)
     return true;
 }
 
-// A write() that is no cancellation point: a thread that is cancelled there would leave the event locked. Told
-// to ThreadSanitizer, which does not see it.
+// A thread that is cancelled in a write would leave the event locked. Told to ThreadSanitizer, which does not see it.
 ssize_t write_uncancelled(kiv_event_item &item, const uint8_t *data, std::size_t size) noexcept
 {
     kiv::hand_over(&item);
-    return syscall(SYS_write, item.write_fd, data, size);
+    return kiv::bare_write(item.write_fd, data, size);
 }
 
 // Resumes after EINTR and after a short write. Nobody reads the rest of a record whose event is deleted.

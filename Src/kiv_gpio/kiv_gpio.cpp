@@ -32,11 +32,12 @@ std::atomic<int> g_module_instialized; // changes holding g_lock, and back to 0 
 
 std::atomic<int> g_simulation;
 
-// The frame of a public operation: its lines in the log, and no cancellation while it holds locks.
-class public_call
+// The frame of an operation: its lines in the log. Such an operation holds the table's mutex, and makes no call in which
+// its thread could be cancelled.
+class short_call
 {
 public:
-    explicit public_call(call_site site = call_site::here()) noexcept
+    explicit short_call(call_site site = call_site::here()) noexcept
         : site_(site), trace_(site.line, site.function)
     {
     }
@@ -54,14 +55,20 @@ public:
     }
 
 private:
-    kiv::cancellation_off no_cancellation_;
     call_site site_;
     kiv::call_trace trace_;
 };
 
+// The frame of one that opens nodes or talks to the listener, and is not cancelled meanwhile.
+class public_call : kiv::cancellation_off, public short_call
+{
+public:
+    explicit public_call(call_site site = call_site::here()) noexcept : short_call(site) {}
+};
+
 // Runs an operation on one pin, holding the table's mutex.
 template <typename Operation>
-int32_t do_with_pin(const public_call &call, int gpio, Operation operation)
+int32_t do_with_pin(const short_call &call, int gpio, Operation operation)
 {
     if (call.is_refused()) {
         return KIV_ERR_STATE;
@@ -256,7 +263,7 @@ int32_t kiv_gpio_free(int gpio)
 
 int32_t kiv_gpio_set(int gpio, int value)
 {
-    const public_call call;
+    const short_call call;
     return do_with_pin(call, gpio, [value](gpio_item &item) {
         item.kind->set_level(item, value);
         return KIV_OK;
@@ -265,7 +272,7 @@ int32_t kiv_gpio_set(int gpio, int value)
 
 int32_t kiv_gpio_get(int gpio, int *value)
 {
-    const public_call call;
+    const short_call call;
     return do_with_pin(call, gpio, [value, &call](gpio_item &item) {
         if (value == nullptr) {
             KIV_LOG_AT(call.site(), ERRR, "Got NULL as destination for output!\n");
@@ -278,13 +285,13 @@ int32_t kiv_gpio_get(int gpio, int *value)
 
 int32_t kiv_gpio_direction_in(int gpio)
 {
-    const public_call call;
+    const short_call call;
     return do_with_pin(call, gpio, check_direction);
 }
 
 int32_t kiv_gpio_direction_out(int gpio)
 {
-    const public_call call;
+    const short_call call;
     return do_with_pin(call, gpio, check_direction);
 }
 

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <span>
 
+#include "common/bare_calls.h"
 #include "gpio.h"
 #include "kiv_debug/log_as.h"
 #include "zol/kiv_debug.h"
@@ -94,7 +95,7 @@ int32_t open_board_node(gpio_item &item, fd_type type)
 
 void write_node(call_site routine, int fd, const char *text, std::size_t size)
 {
-    const ssize_t result = TEMP_FAILURE_RETRY(write(fd, text, size));
+    const ssize_t result = TEMP_FAILURE_RETRY(kiv::bare_write(fd, text, size));
     if (result < 1) {
         KIV_LOG_AT(routine, ERRR, "failed writing to fd=%d ret=%d, errno=%d!\n", fd, static_cast<int>(result),
                    errno);
@@ -219,7 +220,7 @@ bool __user_pins_sysfs_read(int fd, long long &value, bool is_logged)
     auto result = static_cast<ssize_t>(lseek(fd, 0, SEEK_SET));
     if (result >= 0) {
         step = "reading from";
-        result = TEMP_FAILURE_RETRY(read(fd, text, sizeof text - 1));
+        result = TEMP_FAILURE_RETRY(kiv::bare_read(fd, text, sizeof text - 1));
     }
     if (result < 0) {
         if (is_logged) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/decimal.h"
 #include "log_as.h"
 
 namespace kiv
@@ -54,52 +55,47 @@ char *put_string(char *at, field as, std::string_view text) noexcept
     return as.flag == '-' ? put_blanks(put(at, text), padding) : put(put_blanks(at, padding), text);
 }
 
-// Four at a time, since a division takes longer than all comparisons.
-template <unsigned base>
-std::size_t digits_of(unsigned value) noexcept
-{
-    constexpr unsigned square = base * base;
-    std::size_t count = 1;
-    for (; value >= square * square; value /= square * square) {
-        count += 4;
-    }
-    return count + (value >= base ? 1 : 0) + (value >= square ? 1 : 0) + (value >= square * base ? 1 : 0);
-}
-
-// @return The first digit.
-template <unsigned base>
-char *write_backwards(char *end, unsigned value) noexcept
+char *write_hexadecimal(char *end, unsigned value) noexcept
 {
     do {
-        *--end = "0123456789abcdef"[value % base];
-        value /= base;
+        *--end = "0123456789abcdef"[value % 16];
+        value /= 16;
     } while (value != 0);
     return end;
 }
 
 // Leading zeros belong to the number, behind its sign.
-template <unsigned base>
-char *put_number(char *at, field as, unsigned magnitude, bool is_negative = false) noexcept
+char *put_digits(char *at, field as, std::string_view digits, bool is_negative) noexcept
 {
-    const std::size_t size = digits_of<base>(magnitude) + (is_negative ? 1 : 0);
-    char *const end = at + std::max(size, as.flag == '-' ? 0 : as.width);
-    char *begin = write_backwards<base>(end, magnitude);
-    while (as.flag == '0' && begin > at + (is_negative ? 1 : 0)) {
-        *--begin = '0';
+    const std::size_t size = digits.size() + (is_negative ? 1 : 0);
+    const std::size_t padding = std::max(as.width, size) - size;
+    if (as.flag == none) {
+        at = put_blanks(at, padding);
     }
     if (is_negative) {
-        *--begin = '-';
+        *at++ = '-';
     }
-    while (begin > at) {
-        *--begin = ' ';
+    if (as.flag == '0') {
+        at = std::fill_n(at, padding, '0');
     }
-    return as.flag == '-' ? put_blanks(end, std::max(size, as.width) - size) : end;
+    for (const char digit : digits) {
+        *at++ = digit;
+    }
+    return as.flag == '-' ? put_blanks(at, padding) : at;
+}
+
+char *put_number(char *at, field as, unsigned magnitude, bool is_negative, char kind) noexcept
+{
+    char digits[10];
+    char *const end = digits + sizeof digits;
+    const char *const begin = kind == 'x' ? write_hexadecimal(end, magnitude) : write_decimal(end, magnitude);
+    return put_digits(at, as, {begin, static_cast<std::size_t>(end - begin)}, is_negative);
 }
 
 char *put_decimal(char *at, field as, int value) noexcept
 {
     const auto bits = static_cast<unsigned>(value);
-    return put_number<10>(at, as, value < 0 ? 0 - bits : bits, value < 0);
+    return put_number(at, as, value < 0 ? 0 - bits : bits, value < 0, 'd');
 }
 
 const char *next_string(va_list &arguments) noexcept
@@ -136,7 +132,8 @@ bool line_start::add_prefix(std::uint32_t level, const char *function, int line)
 
 const char *line_start::take_prefix(std::uint32_t level, const char *format, va_list &arguments) noexcept
 {
-    if (std::strncmp(format, prefix_of(level), prefix_size) != 0) {
+    if (strnlen(format, prefix_size) != prefix_size ||
+        std::memcmp(format, prefix_of(level), prefix_size) != 0) {
         return format;
     }
     va_list taken;
@@ -155,10 +152,12 @@ const char *line_start::take_prefix(std::uint32_t level, const char *format, va_
 // @return The next conversion, or what does not fit.
 const char *line_start::add_plain(const char *format) noexcept
 {
-    const auto length = static_cast<std::size_t>(strchrnul(format, '%') - format);
-    const std::size_t fitting = std::min(length, room());
-    end_ = put(end_, {format, fitting});
-    return format + fitting;
+    char *at = end_;
+    for (; *format != '%' && *format != '\0' && at != text_ + sizeof text_; ++format) {
+        *at++ = *format;
+    }
+    end_ = at;
+    return format;
 }
 
 // @return False: a null pointer or too long a string is the C library's, and so is the argument.
@@ -182,10 +181,8 @@ bool line_start::add_argument(char kind, field as, va_list &arguments) noexcept
         end_ = put_decimal(end_, as, va_arg(arguments, int));
         return true;
     case 'u':
-        end_ = put_number<10>(end_, as, va_arg(arguments, unsigned));
-        return true;
     case 'x':
-        end_ = put_number<16>(end_, as, va_arg(arguments, unsigned));
+        end_ = put_number(end_, as, va_arg(arguments, unsigned), false, kind);
         return true;
     case 's':
         return add_string(as, arguments);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "common/decimal.h"
 #include "kiv_debug/log_as.h"
 
 namespace kiv
@@ -27,10 +28,8 @@ char *write_time(char *at, char *end, const timeval &time) noexcept
     at = std::to_chars(at, end, time.tv_sec).ptr;
     *at++ = '.';
     char *const fraction_end = at + 6;
-    auto left = static_cast<std::uint32_t>(time.tv_usec);
-    for (char *digit = fraction_end; digit != at; left /= 10) {
-        *--digit = static_cast<char>('0' + left % 10);
-    }
+    char *const digits = write_decimal(fraction_end, static_cast<std::uint32_t>(time.tv_usec));
+    std::fill(at, digits, '0');
     *fraction_end = ',';
     return fraction_end + 1;
 }

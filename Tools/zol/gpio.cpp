@@ -101,7 +101,7 @@ std::optional<pulses> parse_pulses(context &with)
 {
     const auto length = kivboard::parse_duration(with.value("--ms", "10") + "ms");
     if (!length) {
-        usage_error(with, "--ms " + with.value("--ms") + " is no time in milliseconds");
+        usage_error(with, "--ms " + with.value("--ms") + " is no number of milliseconds, as 20 or 0.5");
         return std::nullopt;
     }
     const auto count = parse_number(with.value("--count", "1"), most_pulses);

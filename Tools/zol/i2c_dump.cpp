@@ -133,7 +133,8 @@ std::optional<dump_values> read_file(context &with)
         read_row(line, values);
     }
     if (values.empty()) {
-        usage_error(with, path + (file.is_open() ? " is no dump" : " cannot be read"));
+        usage_error(with, path + (file.is_open() ? " is no dump in text; make it without --json"
+                                                 : " cannot be read"));
         return std::nullopt;
     }
     return values;

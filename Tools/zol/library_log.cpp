@@ -74,8 +74,13 @@ std::string joined(const std::vector<std::string> &errors)
 }
 
 // Lines that only follow from another one, which says why.
-constexpr std::string_view echoes[] = {"failed opening",  " ret -1",         ": result ",
-                                       "can't open file", "Trying to deini", "zol_choose_conf.sh: not found"};
+constexpr std::string_view echoes[] = {"failed opening",
+                                       " ret -1",
+                                       ": result ",
+                                       "can't open  of bus",
+                                       "can't open file",
+                                       "Trying to deini",
+                                       "zol_choose_conf.sh: not found"};
 
 bool is_echo(std::string_view error)
 {

@@ -5,6 +5,7 @@ set(ZOL_MAINTAINER "libzol developers <libzol@localhost>" CACHE STRING "Who answ
 set(ZOL_TARGET_LIBRARIES "" CACHE PATH "Cross builds: where dpkg-shlibdeps finds the target's libraries")
 
 set(CPACK_GENERATOR DEB)
+set(CPACK_VERBATIM_VARIABLES ON) # otherwise the patterns below are read as escapes
 set(CPACK_PACKAGE_NAME libzol)
 set(CPACK_PACKAGE_VENDOR libzol)
 set(CPACK_PACKAGE_CONTACT ${ZOL_MAINTAINER})

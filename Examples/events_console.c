@@ -161,6 +161,7 @@ static void usage(FILE *stream, int status)
 {
     fprintf(stream,
             "usage: events_console [OPTION...] --event NAME...\n\n"
+            "A line \"EVENT PAYLOAD\" notifies. Ctrl-C or SIGTERM ends it, the end of the input does not.\n\n"
             "  --event NAME      shares this event with other boards; up to %d events\n"
             "  --publish NAME    sends it, but does not hear other boards\n"
             "  --subscribe NAME  hears it from other boards, but does not send it\n"

@@ -4,6 +4,10 @@
  *
  * Messages have QoS 1: one that the network lost is sent again, and so may arrive twice. While the broker is
  * away they wait in a backlog of limited size; those that find it full are dropped, counted and logged.
+ * An event that came from the broker is not published again.
+ *
+ * A lost connection is tried again after 1, 2, 4, 8 and 16 seconds, and then every 30. A broker that is restarted
+ * keeps the messages for absent boards if its configuration has "persistence true", as Debian's has.
  *
  * An application adds this file; events_console.c is such a one.
  */

@@ -91,6 +91,32 @@ while read -r word; do
     grep -qx -- "$word" "$scratch/completed" || complain "the completion of kivboard lacks $word"
 done < "$scratch/commands"
 
+# The help of kivboard has them as well.
+"$build/bin/kivboard" --help > "$scratch/help" || : # not built without FUSE
+[ ! -s "$scratch/help" ] || while read -r word; do
+    grep -qwe "$word" "$scratch/help" || complain "the help of kivboard lacks $word"
+done < "$scratch/commands"
+
+# examples PAGE: the lines of the examples of a page that begin with its program.
+examples() {
+    plain "$1" | sed -n '/^\.SH EXAMPLES/,/^\.SH SEE/p' | sed "s/\\\\(aq/'/g" | grep -E "^([a-z]+=[\$][(])?(kivboard run -- )?${1%.1}( |\$)"
+}
+
+# Runs the examples of zol(1) and kivtest.exe(1), each as it is printed, on one board. One shows a difference: its status is 1.
+if "$build/bin/kivboard" check > /dev/null 2>&1; then
+    { examples zol.1; examples kivtest.exe.1; } > "$scratch/examples"
+    [ "$(wc -l < "$scratch/examples")" -ge 10 ] || complain "cannot read the examples"
+    ln -s "$source/Conf" "$scratch/Conf"
+    # shellcheck disable=SC2016 # the inner shell expands them
+    (cd "$scratch" && PATH=$build/bin:$PATH kivboard run -- sh -c 'while IFS= read -r line; do
+        expected=0
+        case $line in *--compare*) expected=1 ;; esac
+        sh -c "$line" > /dev/null 2>&1 < /dev/null
+        [ $? -eq $expected ] || echo "fails: $line"
+    done < examples') > "$scratch/failing"
+    [ ! -s "$scratch/failing" ] || complain "$(cat "$scratch/failing")"
+fi
+
 # The options of zol_timing.
 "$build/bin/zol_timing" --help | grep -o '^  --[a-z]*' | tr -d ' ' > "$scratch/options"
 grep -qx -- --svg "$scratch/options" || complain "cannot read the options of zol_timing"

@@ -17,8 +17,9 @@ sed -n '/^## When something fails/,/^## /s/^| `\([^`]*\)` | .*/\1/p' "$source/RE
 grep -v '^[$#]' "$transcript" > "$scratch/happened"
 
 failed=0
-for shown in page readme; do
-    [ "$(wc -l < "$scratch/$shown")" -ge 20 ] || { echo "cannot read the symptoms of the $shown"; failed=1; }
+for shown in page:20 readme:5; do
+    least=${shown#*:} shown=${shown%:*}
+    [ "$(wc -l < "$scratch/$shown")" -ge "$least" ] || { echo "cannot read the symptoms of the $shown"; failed=1; }
     while IFS= read -r symptom; do
         grep -qF -e "$symptom" "$scratch/happened" || {
             echo "the transcript lacks a symptom of the $shown: $symptom"

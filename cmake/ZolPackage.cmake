@@ -107,6 +107,6 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_SOURCE_PACKAGE_FILE_NAME libzol-${PROJECT_VERSION})
 string(REGEX REPLACE "([][.+*?^$()|\\\\])" "\\\\\\1" zol_tree "${PROJECT_SOURCE_DIR}")
-set(CPACK_SOURCE_IGNORE_FILES "^${zol_tree}/(build(-[^/]*)?|\\.git|\\.cache)(/|$)" "/__pycache__/" "/compile_commands\\.json$")
+set(CPACK_SOURCE_IGNORE_FILES "^${zol_tree}/(build(-[^/]*)?|\\.git|\\.cache)(/|$)" "/__pycache__/" "/Python/build/" "\\.egg-info/" "/compile_commands\\.json$")
 
 include(CPack)

@@ -24,6 +24,12 @@ std::string_view take_cell(std::string_view &row)
     return cell;
 }
 
+std::size_t count_cells(std::string_view row)
+{
+    const auto ended = static_cast<std::size_t>(std::ranges::count(row, ','));
+    return ended + (row.empty() || row.ends_with(',') ? 0 : 1);
+}
+
 // An event gives two rows, a pulse three: before, at and after it. Only the second has a time since the last event.
 // So a pulse of a lane that is high shows in the number of rows.
 class lane_reader
@@ -82,7 +88,7 @@ public:
     std::string read_header(std::string_view header)
     {
         const auto columns = std::ranges::count(header, ',');
-        if (columns < 2 || take_cell(header) != "time") {
+        if (columns < 2 || !header.ends_with(',') || take_cell(header) != "time") {
             return std::string(wrong_header);
         }
         for (auto i = columns - 2; i > 0; --i) {
@@ -94,8 +100,7 @@ public:
 
     std::string add_row(std::string_view row)
     {
-        if (const auto cells = static_cast<std::size_t>(std::ranges::count(row, ','));
-            cells != readers_.size() + 2) {
+        if (const std::size_t cells = count_cells(row); cells != readers_.size() + 2) {
             return "a row of " + std::to_string(cells) + " cells, but the header has " +
                    std::to_string(readers_.size() + 2);
         }

@@ -49,6 +49,7 @@ bool line_reader::next(std::string_view &line)
     bytes_ += line.size();
     is_cut_ = !line.ends_with('\n');
     line.remove_suffix(is_cut_ ? 0 : 1);
+    line.remove_suffix(line.ends_with('\r') ? 1 : 0); // of a file that was on another system
     ++number_;
     progress_.at(bytes_);
     return true;

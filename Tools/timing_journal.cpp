@@ -121,11 +121,12 @@ public:
                   const std::string &text)
     {
         lane &target = lanes_[label];
-        const std::int64_t earliest =
-            target.marks.empty() ? end_us - duration_us : target.marks.back().time_us;
+        std::int64_t begin_us = end_us - duration_us;
+        if (!target.marks.empty() && target.marks.back().time_us <= end_us) { // else the clock was set back
+            begin_us = std::max(begin_us, target.marks.back().time_us);
+        }
         target.initial = false;
-        target.marks.push_back(
-            {std::max(earliest, end_us - duration_us), add_text(target, text), mark_kind::high});
+        target.marks.push_back({begin_us, add_text(target, text), mark_kind::high});
         target.marks.push_back({end_us, 0, mark_kind::low});
     }
 
@@ -248,6 +249,11 @@ public:
     {
         trace_.name = "board";
         trace_.lanes = lanes_.take();
+        for (const lane &lane : trace_.lanes) {
+            for (const mark &mark : lane.marks) { // the first transfer began before the first event
+                trace_.first_us = std::min(trace_.first_us, mark.time_us);
+            }
+        }
         return std::move(trace_);
     }
 
@@ -259,7 +265,6 @@ private:
         const event event = {wall_us - start_us, fields.at("device"), fields.at("event"),
                              error != fields.end() && error->second != "0"};
         (event.device.starts_with("gpio_") ? add_pin_event : add_bus_event)(lanes_, event);
-        trace_.first_us = std::min(trace_.first_us, event.time_us);
         trace_.last_us = std::max(trace_.last_us, event.time_us);
         return "";
     }
@@ -276,12 +281,15 @@ std::optional<timing_trace> read_journal(const std::string &path, std::string &e
     std::string_view line;
     journal_reader journal;
     std::string problem;
-    while (problem.empty() && lines.next(line)) {
+    while (problem.empty() && lines.next(line) && !lines.is_cut()) {
         problem = journal.add_line(lines, line);
     }
     if (!problem.empty() || !lines.failure().empty()) {
         error = problem.empty() ? lines.failure() : lines.mistake(problem);
         return std::nullopt;
+    }
+    if (lines.is_cut()) {
+        std::fprintf(stderr, "zol_timing: %s\n", lines.mistake("the line is cut short and left out").c_str());
     }
     timing_trace trace = journal.finish();
     if (!trace.start_us) {

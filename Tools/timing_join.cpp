@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "timing_trace.h"
 
@@ -98,10 +99,11 @@ void shift(timing_trace &trace, std::int64_t by_us)
 
 void cut(timing_trace &trace, const time_window &window)
 {
-    const std::int64_t from_us = window.from_us.value_or(trace.first_us);
-    const std::int64_t to_us = window.to_us.value_or(trace.last_us);
-    trace.first_us = std::max(trace.first_us, from_us);
-    trace.last_us = std::max(trace.first_us, std::min(trace.last_us, to_us));
+    using limits = std::numeric_limits<std::int64_t>;
+    const std::int64_t from_us = window.from_us.value_or(limits::min());
+    const std::int64_t to_us = window.to_us.value_or(limits::max());
+    trace.first_us = std::clamp(trace.first_us, from_us, to_us);
+    trace.last_us = std::clamp(trace.last_us, from_us, to_us);
     for (lane &lane : trace.lanes) {
         sort_marks(lane.marks);
         cut_head(lane, from_us);
@@ -167,6 +169,9 @@ std::string find_start(const std::string &path, timing_trace &trace)
         return std::strerror(errno);
     }
     const timespec &modified = status.st_mtim;
+    if (modified.tv_sec < -most_seconds || modified.tv_sec > most_seconds) {
+        return "its time of modification is out of range";
+    }
     const std::int64_t start_us =
         modified.tv_sec * us_per_second + modified.tv_nsec / 1000 - trace.last_row_us;
     const bool is_coarse = modified.tv_nsec % coarsest_ns == 0; // the file system may have cut the rest

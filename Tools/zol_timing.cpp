@@ -216,6 +216,12 @@ std::string check_outputs(const options &with)
             }
         }
     }
+    for (const auto &[one, other] :
+         {std::pair(&with.svg, &with.vcd), {&with.svg, &with.perfetto}, {&with.vcd, &with.perfetto}}) {
+        if (!one->empty() && *one == *other) {
+            return "two outputs have the name " + *one;
+        }
+    }
     return "";
 }
 

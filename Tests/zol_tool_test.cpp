@@ -12,10 +12,14 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/scratch.h"
 #include "zol/command_line.h"
+#include "zol/conf_file.h"
 #include "zol/i2c.h"
 #include "zol/interrupt_queue.h"
 #include "zol/interruption.h"
+#include "zol/keys.h"
+#include "zol/kiv_config.h"
 #include "zol/kiv_debug.h"
 #include "zol/library_log.h"
 #include "zol/output.h"
@@ -188,6 +192,95 @@ TEST(ZolRanges, AreWholeAndWithinTheLimit)
          {"", ",", "1,", "-", "1-", "-1", "2-1", "256", "0-256", "1 ", "0x", "1-2-3", "4294967297"}) {
         EXPECT_FALSE(zol_tool::parse_ranges(wrong, 0xff)) << wrong;
     }
+}
+
+TEST(ZolKeys, AreMatchedAndGuessed)
+{
+    struct {
+        const char *name;
+        const char *pattern; // "": no key
+        int number;
+        const char *nearest;
+    } const cases[] = {
+        {"configName", "configName", -1, "configName"},
+        {"gpio_17_bias", "gpio_#_bias", 17, "gpio_17_bias"},
+        {"gpio_0_active_low", "gpio_#_active_low", 0, "gpio_0_active_low"},
+        {"gpio_999999999_bias", "gpio_#_bias", 999'999'999, "gpio_999999999_bias"},
+        {"gpio_1000000000_bias", "", -1, "gpio_1000000000_bias"},
+        {"gpio_99999999999_bias", "", -1, "gpio_N_bias"},
+        {"gpio_017_bias", "", -1, "gpio_17_bias"},
+        {"gpio_17_bias_3", "", -1, "gpio_17_bias"},
+        {"gpio__bias", "", -1, "gpio_N_bias"},
+        {"i2c_bus_0_dev", "i2c_bus_#_dev", 0, "i2c_bus_0_dev"},
+        {"i2c_buses_num", "i2c_buses_num", -1, "i2c_buses_num"},
+        {"i2c_bus_num", "", -1, "i2c_buses_num"},
+        {"i3c_bus_0_debug", "", -1, "i2c_bus_0_debug"},
+        {"configname", "", -1, "configName"},
+        {"konfigNahm", "", -1, "configName"}, // three of ten characters differ
+        {"konfikNahn", "", -1, ""},
+        {"debugLevel1", "", -1, "debugLevel"},
+        {"_", "", -1, ""},
+        {"", "", -1, ""},
+    };
+    for (const auto &[name, pattern, number, nearest] : cases) {
+        const zol_tool::key_match match = zol_tool::match_key(name);
+        EXPECT_EQ(match.key != nullptr ? match.key->pattern : "", pattern) << name;
+        EXPECT_EQ(match.number, number) << name;
+        EXPECT_EQ(zol_tool::nearest_key(name), nearest) << name;
+    }
+}
+
+TEST(ZolConf, FindsTheValuesThatTheLibraryFinds)
+{
+    const std::string documents[] = {
+        "<a><devices><general><k>1</k><k>2</k></general></devices></a>",
+        "<a><k>1</k><devices><general/><k>2</k></devices><k>3</k></a>",
+        "<devices><x><k>1</k></x><general><y><k>2</k></y></general></devices>",
+        "<devices><general><general><k>1</k></general></general><k>2</k></devices>",
+        "<a><general><k>1</k></general><devices/></a>",
+        "<a><devices/><general><k>1</k></general></a>",
+        "<a><devices><general><?k 1?><k>2</k></general></devices></a>",
+        "<a><?devices?><general><k>1</k></general><devices><general><k>2</k></general></devices></a>",
+        "<!DOCTYPE a [<!ENTITY k '1'>]><devices><general>&k;<k>2</k></general></devices>",
+        "<!DOCTYPE a [<!ENTITY e '<k>1</k>'>]><devices><general>&e;<k>2</k></general></devices>",
+        "<!DOCTYPE a [<!ENTITY e '1'>]><devices><general><k>&e;</k></general></devices>",
+        "<devices><general><k>&e;</k></general></devices>",
+        "<devices><general><k><!--1-->2</k></general></devices>",
+        "<devices><general><k><b>1</b>2</k></general></devices>",
+        "<devices><general><k><?b 1?>2</k></general></devices>",
+        "<devices><general><k> <![CDATA[1]]></k></general></devices>",
+        "<devices><general><!--<k>1</k>--><k/></general></devices>",
+        "<devices xmlns:p='u'><general><p:k>1</p:k><k>2</k></general></devices>",
+        "<devices><general><p:k>1</p:k><k>2</k></general></devices>",
+        "<devices><general><k>1",
+        "<devices><general></general><k>1</k></devices><k>2</k>",
+        "<devices><general/></devices>",
+        "k",
+        "",
+    };
+    zol_test::log_capture streams;
+    const zol_test::scratch_directory scratch;
+    for (const std::string &document : documents) {
+        const std::string path = scratch.write("conf.xml", document);
+        const zol_tool::conf_file file = zol_tool::read_conf_file(path);
+        const zol_tool::conf_element *const element = file.find("k");
+        char value[64] = "";
+        kiv_config_init(path.c_str());
+        const bool is_found = kiv_config_get_param("general", "", "k", value, sizeof value) != 0;
+        kiv_config_deinit();
+        EXPECT_EQ(element != nullptr && element->value, is_found) << document;
+        EXPECT_EQ(element != nullptr ? element->value.value_or("") : "", value) << document;
+    }
+}
+
+TEST(ZolConf, KnowsEveryLine)
+{
+    const zol_test::scratch_directory scratch;
+    const std::string path =
+        scratch.write("conf.xml", zol_test::configuration(std::string(70'000, '\n') + "<k>1</k>"));
+    const zol_tool::conf_file file = zol_tool::read_conf_file(path);
+    ASSERT_NE(file.find("k"), nullptr);
+    EXPECT_EQ(file.find("k")->line, 70'001);
 }
 
 TEST(ZolInterrupts, ArriveAll)

@@ -125,6 +125,10 @@ void check_value(conf_report &report, const known_key &key, const conf_element &
 
 void check_known(conf_report &report, const known_key &key, const conf_element &element)
 {
+    if (!element.is_real) {
+        report.add_at(element.line, weight::warning, element.name,
+                      "this is no element, but the library takes it for the key", "remove it");
+    }
     if (element.value) {
         check_value(report, key, element);
     } else {
@@ -145,13 +149,15 @@ void report_unknown(conf_report &report, const conf_element &element)
 
 void check_element(conf_report &report, const conf_element &element)
 {
-    const conf_element *const counted = report.file().find(element.name);
     const known_key *const key = match_key(element.name).key;
     if (key == nullptr) {
-        if (element.is_in_general && !element.is_group) {
+        if (element.is_real && element.is_in_general && !element.is_group) {
             report_unknown(report, element);
         }
-    } else if (counted == &element) {
+        return;
+    }
+    const conf_element *const counted = report.file().find(element.name);
+    if (counted == &element) {
         check_known(report, *key, element);
     } else if (counted != nullptr) {
         report.add_at(element.line, weight::warning, element.name,

@@ -38,6 +38,12 @@ bool is_element(const xmlNode *node) noexcept
     return node->type == XML_ELEMENT_NODE;
 }
 
+// The library looks at the names of these nodes, too.
+bool has_name(const xmlNode *node) noexcept
+{
+    return is_element(node) || node->type == XML_PI_NODE || node->type == XML_ENTITY_REF_NODE;
+}
+
 // The children of an entity reference belong to the document's declarations.
 const xmlNode *first_child(const xmlNode *node) noexcept
 {
@@ -68,7 +74,7 @@ bool is_below(const xmlNode *node, const xmlNode *ancestor) noexcept
 
 bool is_named(const xmlNode *node, const char *name) noexcept
 {
-    return is_element(node) && xmlStrcmp(node->name, reinterpret_cast<const xmlChar *>(name)) == 0;
+    return has_name(node) && xmlStrcmp(node->name, reinterpret_cast<const xmlChar *>(name)) == 0;
 }
 
 // The library's search: a node, the nodes below it, its later siblings and those below them.
@@ -103,12 +109,13 @@ conf_element describe(const xmlNode *node)
 {
     const xmlNode *const first = node->children;
     return {text_of(node->name),
-            static_cast<int>(xmlGetLineNo(node)),
+            static_cast<int>(std::max(0L, xmlGetLineNo(node))),
             value_of(node),
             false,
             false,
             holds_elements(node),
-            first != nullptr && first->type == XML_COMMENT_NODE};
+            first != nullptr && first->type == XML_COMMENT_NODE,
+            is_element(node)};
 }
 
 void list_elements(conf_file &file, const xmlNode *root, const xmlNode *general)
@@ -117,7 +124,7 @@ void list_elements(conf_file &file, const xmlNode *root, const xmlNode *general)
     for (const xmlNode *node = root; node != nullptr; node = next_in_document(node)) {
         is_searched =
             general != nullptr && (is_searched || node == general) && is_below(node, general->parent);
-        if (is_element(node)) {
+        if (has_name(node)) {
             conf_element &element = file.elements.emplace_back(describe(node));
             element.is_searched = is_searched;
             element.is_in_general = general != nullptr && node != general && is_below(node, general);
@@ -145,7 +152,8 @@ conf_file read_conf_file(const std::string &path)
     }
     xmlSetStructuredErrorFunc(&file, note_first_error);
     const xml_document document(
-        xmlReadFile(path.c_str(), nullptr, XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NONET));
+        xmlReadFile(path.c_str(), nullptr,
+                    XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NONET | XML_PARSE_BIG_LINES));
     xmlSetStructuredErrorFunc(nullptr, nullptr);
     const xmlNode *const root = document != nullptr ? xmlDocGetRootElement(document.get()) : nullptr;
     const xmlNode *const devices = root != nullptr ? search(root, "devices") : nullptr;

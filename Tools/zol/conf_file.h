@@ -9,6 +9,7 @@
 namespace zol_tool
 {
 
+/// An element, or another node that a look-up takes for one because it bears a name.
 struct conf_element {
     std::string name;
     int line;
@@ -17,6 +18,7 @@ struct conf_element {
     bool is_in_general;               // below <general>
     bool is_group;                    // it holds elements
     bool begins_with_comment;         // so the comment is the value
+    bool is_real;                     // else: a processing instruction or an entity reference
 };
 
 struct conf_file {

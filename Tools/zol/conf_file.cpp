@@ -108,14 +108,13 @@ std::optional<std::string> value_of(const xmlNode *element)
 conf_element describe(const xmlNode *node)
 {
     const xmlNode *const first = node->children;
-    return {text_of(node->name),
-            static_cast<int>(std::max(0L, xmlGetLineNo(node))),
-            value_of(node),
-            false,
-            false,
-            holds_elements(node),
-            first != nullptr && first->type == XML_COMMENT_NODE,
-            is_element(node)};
+    return {.name = text_of(node->name),
+            .line = static_cast<int>(std::max(0L, xmlGetLineNo(node))),
+            .value = value_of(node),
+            .is_in_general = false,
+            .is_group = holds_elements(node),
+            .begins_with_comment = first != nullptr && first->type == XML_COMMENT_NODE,
+            .is_real = is_element(node)};
 }
 
 void list_elements(conf_file &file, const xmlNode *root, const xmlNode *general)
@@ -126,7 +125,9 @@ void list_elements(conf_file &file, const xmlNode *root, const xmlNode *general)
             general != nullptr && (is_searched || node == general) && is_below(node, general->parent);
         if (has_name(node)) {
             conf_element &element = file.elements.emplace_back(describe(node));
-            element.is_searched = is_searched;
+            if (is_searched) {
+                file.searched.emplace(element.name, file.elements.size() - 1);
+            }
             element.is_in_general = general != nullptr && node != general && is_below(node, general);
         }
     }
@@ -136,10 +137,8 @@ void list_elements(conf_file &file, const xmlNode *root, const xmlNode *general)
 
 const conf_element *conf_file::find(std::string_view name) const noexcept
 {
-    const auto found = std::find_if(elements.begin(), elements.end(), [name](const conf_element &each) {
-        return each.is_searched && each.name == name;
-    });
-    return found != elements.end() ? &*found : nullptr;
+    const auto found = searched.find(name);
+    return found != searched.end() ? &elements[found->second] : nullptr;
 }
 
 conf_file read_conf_file(const std::string &path)

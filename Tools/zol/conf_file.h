@@ -1,6 +1,9 @@
 // A configuration file as the library reads it, with the line of every element.
 #pragma once
 
+#include <cstddef>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,7 +17,6 @@ struct conf_element {
     std::string name;
     int line;
     std::optional<std::string> value; // the content of its first child; none: that child has no content
-    bool is_searched;                 // a look-up of a key comes here
     bool is_in_general;               // below <general>
     bool is_group;                    // it holds elements
     bool begins_with_comment;         // so the comment is the value
@@ -28,6 +30,9 @@ struct conf_file {
     int problem_line = 0;
     bool has_devices = false;
     bool has_general = false;
+
+    /// By its name, the first element that a look-up comes to.
+    std::map<std::string, std::size_t, std::less<>> searched;
 
     /// The element that the library takes for a key: the first one that it comes to. Null: there is none.
     [[nodiscard]] const conf_element *find(std::string_view name) const noexcept;

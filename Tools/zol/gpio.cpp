@@ -71,6 +71,13 @@ bool drive(context &with, std::vector<zol::pin> &pins, int level)
                                [&](zol::pin &pin) { return went_well_at(with, pin.set_level(level), pin); });
 }
 
+// Ends a pulse on all pins, also when one of them fails.
+bool end_pulse(context &with, std::vector<zol::pin> &pins, int level)
+{
+    return std::ranges::count_if(
+               pins, [&](zol::pin &pin) { return !went_well_at(with, pin.set_level(level), pin); }) == 0;
+}
+
 struct pulses {
     std::chrono::nanoseconds length;
     std::uint32_t count;
@@ -83,10 +90,13 @@ int drive_pulses(context &with, std::vector<zol::pin> &pins, const pulses &wante
     steady_time end = std::chrono::steady_clock::now();
     for (std::uint32_t pulse = 0; pulse < wanted.count && interrupted.signal() == 0; ++pulse) {
         if (!drive(with, pins, wanted.level)) {
+            for (zol::pin &pin : pins) {
+                static_cast<void>(pin.set_level(1 - wanted.level)); // the failure has been reported
+            }
             return refused;
         }
         interrupted.comes_before(end += wanted.length);
-        if (!drive(with, pins, 1 - wanted.level)) {
+        if (!end_pulse(with, pins, 1 - wanted.level)) {
             return refused;
         }
         end += wanted.length;

@@ -291,6 +291,7 @@ TEST(TimingPicture, LosesNoMark)
         }
         timing_trace trace = {.name = "log", .lanes = {made}, .first_us = 0, .last_us = 1 << 24};
         const timeline all = join({std::move(trace)}, {});
+        EXPECT_EQ(all.count_marks(), static_cast<std::size_t>(marks));
         const picture seen = read_svg(written(write_svg, all));
         constexpr double left = 16 + 4 * 7.2 + 14;
         bool high = false;

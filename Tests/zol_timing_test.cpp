@@ -28,8 +28,9 @@ std::string shown(const lane &lane)
     std::string text = lane.label + (lane.initial ? *lane.initial ? "[1]" : "[0]" : "");
     for (const mark &each : lane.marks) {
         text += " " + std::to_string(each.time_us) + signs[static_cast<int>(each.kind)];
-        text += each.kind == mark_kind::count ? std::to_string(each.detail) : "";
-        text += lane.text_of(each) != nullptr ? "(" + *lane.text_of(each) + ")" : "";
+        text += each.kind == mark_kind::count ? std::to_string(each.detail)
+                : each.detail > 0             ? "(" + lane.texts.at(each.detail - 1) + ")"
+                                              : "";
     }
     return text;
 }

@@ -310,3 +310,19 @@ TEST(TimingPicture, LosesNoMark)
         EXPECT_LE(seen.blocks.size() * 4, static_cast<std::size_t>(marks)); // only of marks that are close
     }
 }
+
+TEST(TimingPicture, ShowsUpToAThousandTexts)
+{
+    lane quiet = {.label = "pending", .is_count = true, .marks = {{0, 0, mark_kind::count}}};
+    lane made = {.label = "bus", .initial = false, .marks = {}, .texts = {}};
+    for (std::uint32_t i = 1; i <= 1001; ++i) {
+        made.marks.push_back({i / 3 * 300'000, i, mark_kind::pulse}); // more than three would be a block
+        made.texts.emplace_back("x");
+        const timeline all = join({{.name = "board", .lanes = {quiet, made}, .last_us = 101'000'000}}, {});
+        if (i >= 1000) {
+            const std::string svg = written(write_svg, all).str();
+            EXPECT_EQ(svg.find("<title>") != std::string::npos, i == 1000);
+            EXPECT_NE(svg.find(">pending, max 0<"), std::string::npos);
+        }
+    }
+}

@@ -23,6 +23,23 @@ std::vector<zol_bench::row> &rows()
     return all;
 }
 
+// Operations of which the throughput is shown: those that a benchmark makes in one iteration, on one core, with both sides of
+// the operation, and the virtual board where there is one.
+constexpr struct {
+    const char *what;
+    const char *benchmark;
+    double operations;
+} throughputs[] = {
+    {"log lines to a file", "log/enabled/ours/threads:1", 1},
+    {"asynchronous messages, sent and handled", "thread/async/ours", 1000},
+    {"synchronous messages", "thread/sync/ours", 1},
+    {"events, notified and received", "events/wait/ours/1", 1},
+    {"events of a timing log, written with 16 lanes", "tl/writer/ours/16", 100'000},
+    {"levels read from a real sysfs", "gpio/sysfs/ours/1", 1},
+    {"I2C register reads on the virtual board", "i2c/read/ours", 1},
+    {"interrupts raised on the virtual board and called back", "gpio/burst/ours/1000", 1000},
+};
+
 // The program's standard output is where the library logs to, so the table goes to a copy of the original
 // one.
 class table_reporter : public benchmark::BenchmarkReporter
@@ -51,6 +68,7 @@ public:
         for (const zol_bench::row &row : rows()) {
             print_row(row);
         }
+        print_throughputs();
         std::fflush(out_);
     }
 
@@ -92,6 +110,16 @@ private:
             std::fprintf(out_, " %7.2f  %s", row.goal, ratio <= row.goal ? "met" : "NOT MET");
         }
         std::fprintf(out_, "\n");
+    }
+
+    void print_throughputs()
+    {
+        std::fprintf(out_, "\n%-58s %12s\n", "throughput of one core", "per second");
+        for (const auto &[what, benchmark, operations] : throughputs) {
+            if (const auto found = fastest_.find(benchmark); found != fastest_.end()) {
+                std::fprintf(out_, "%-58s %12.0f\n", what, operations * 1e9 / found->second);
+            }
+        }
     }
 
     FILE *out_;

@@ -344,7 +344,7 @@ void steady_spdlog(benchmark::State &state)
 
 void of_each_width(benchmark::internal::Benchmark *benchmark)
 {
-    benchmark->Arg(2)->Arg(16)->Arg(64)->Iterations(1)->Repetitions(5)->UseManualTime();
+    benchmark->Arg(1)->Arg(2)->Arg(16)->Arg(64)->Iterations(1)->Repetitions(5)->UseManualTime();
 }
 
 void steady(benchmark::internal::Benchmark *benchmark)

@@ -47,6 +47,14 @@ measure_python() {
         taskset -c 0 Bench/python_calls.py "$bin/zol_python_calls" Conf/kiv_test.xml | sed '/^T /d'
 }
 
+# The rows of the scales as a picture, unless they were filtered out.
+draw_scales() {
+    ! grep -q '^scale, ' "$logs/bench.txt" || {
+        Bench/scale_picture.py < "$logs/bench.txt" > build/bench/scale.svg
+        say "The costs over the number of objects: $PWD/build/bench/scale.svg"
+    }
+}
+
 answer_help "$@"
 for option in "$@"; do
     [[ $option == --benchmark_* ]] || wrong_usage
@@ -61,11 +69,12 @@ say ""
 
 if "$bin/kivboard" check; then
     # The board stays on one core. The benchmarks that use it run on the same core, the others on all cores.
-    taskset -c 0 "$bin/kivboard" run --board Bench/kiv_board.xml -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@"
+    taskset -c 0 "$bin/kivboard" run --board Bench/kiv_board.xml -- taskset -c "0-$(($(nproc --all) - 1))" "$bin/zol_bench" "$@" | tee "$logs/bench.txt"
     measure_python
 else
-    "$bin/zol_bench" --benchmark_filter='-^(i2c|gpio)/' "$@"
+    "$bin/zol_bench" --benchmark_filter='-^(i2c|gpio)/' "$@" | tee "$logs/bench.txt"
 fi
+draw_scales
 
 printf '\n%-58s %12s %28s\n' "instructions on top, per call" "more" "goal"
 more_instructions "kiv_i2c_read_reg8 over the bare ioctl" read_ours read_bare 150

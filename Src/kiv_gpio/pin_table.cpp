@@ -43,13 +43,21 @@ gpio_item *__gpio_item_find(int gpio) KIV_REQUIRES(g_gpio_db.lock)
     return nullptr;
 }
 
+// The listener rebuilds its poll set in the next pass.
+void add_watched(const gpio_item &item, int change) KIV_REQUIRES(g_gpio_db.lock)
+{
+    if (item.cbk != nullptr) {
+        g_gpio_db.watched += static_cast<std::size_t>(change);
+        g_gpio_db.is_poll_set_stale = true;
+    }
+}
+
 void set_registration(gpio_item &item, const registration &set) KIV_REQUIRES(g_gpio_db.lock)
 {
     const scoped_lock no_fork(g_gpio_db.fork_lock);
-    g_gpio_db.watched -= item.cbk != nullptr ? 1U : 0U;
-    g_gpio_db.watched += set.cbk != nullptr ? 1U : 0U;
-    g_gpio_db.is_poll_set_stale = true;
+    add_watched(item, -1);
     item.cbk = set.cbk;
+    add_watched(item, 1);
     item.user_data = set.user_data;
     item.level_edge = set.cause.level_edge;
     item.pending = 0; // interrupts that were read for one callback are not for the next
@@ -126,16 +134,14 @@ void kiv::gpio::take_out(gpio_item &item)
     if (gpio_item *&shortcut = shortcut_of(item.gpio); shortcut == &item) {
         shortcut = nullptr;
     }
-    g_gpio_db.watched -= item.cbk != nullptr ? 1U : 0U;
-    g_gpio_db.is_poll_set_stale |= item.cbk != nullptr;
+    add_watched(item, -1);
 }
 
 void kiv::gpio::put_back(gpio_item &item)
 {
     const scoped_lock lock(g_gpio_db.lock);
     put_in(item);
-    g_gpio_db.watched += item.cbk != nullptr ? 1U : 0U;
-    g_gpio_db.is_poll_set_stale |= item.cbk != nullptr;
+    add_watched(item, 1);
 }
 
 int32_t kiv::gpio::add_callback(call_site site, gpio_item &item, const registration &added)

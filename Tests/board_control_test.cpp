@@ -77,6 +77,33 @@ TEST_F(BoardControl, LeavesSocketsOfOthersAlone)
     EXPECT_TRUE(connect_to_board(path_, problem_).is_open()) << "the end of the first one has removed it";
 }
 
+// The name of a board that lives, for each number but the last.
+TEST_F(BoardControl, TheThousandFirstBoardsShareAFolder)
+{
+    const std::string folder = scratch_.path() / ("kivboard-" + std::to_string(geteuid()));
+    const kiv::unique_fd other = foreign(SOCK_STREAM);
+    setenv("XDG_RUNTIME_DIR", scratch_.path().c_str(), 1);
+    std::string path_of_another;
+    {
+        control_socket first;
+        EXPECT_EQ(first.claim_default(), "");
+        EXPECT_EQ(first.path(), folder + "/board.sock");
+        for (int number = 2; number < 1000; ++number) {
+            std::filesystem::create_hard_link(path_, folder + "/board-" + std::to_string(number) + ".sock");
+        }
+        control_socket last;
+        control_socket another;
+        EXPECT_EQ(last.claim_default(), "");
+        EXPECT_EQ(another.claim_default(), "");
+        EXPECT_EQ(last.path(), folder + "/board-1000.sock");
+        path_of_another = another.path();
+        EXPECT_TRUE(path_of_another.starts_with("/tmp/kivboard-")) << path_of_another;
+        EXPECT_TRUE(connect_to_board(path_of_another, problem_).is_open());
+    }
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(path_of_another).parent_path()));
+    EXPECT_FALSE(std::filesystem::exists(folder + "/board-1000.sock"));
+}
+
 TEST_F(BoardControl, OtherUsersAreRefusedOnBothSides)
 {
     if (geteuid() != 0) {

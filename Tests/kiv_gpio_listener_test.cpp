@@ -97,6 +97,14 @@ TEST_F(GpioListener, NodesInErrorRecoverByThemselves)
         EXPECT_TRUE(log.texts("ERRR")[0].starts_with(said)) << log.out();
         EXPECT_EQ(log.texts("PRNT").size(), 2U);
     }
+    pins_.node(17, "irq").failing = zol_test::on_read;
+    log_capture log;
+    for (const std::size_t registrations : {1U, 2U}) {
+        pins_.raise(17);
+        EXPECT_TRUE(eventually([&] { return log.texts("PRNT").size() == registrations; }))
+            << "a new registration reports the error anew";
+        EXPECT_EQ((statuses{kiv_gpio_unregister_callback(17), watch(17, calls)}), statuses(2, KIV_OK));
+    }
 }
 
 TEST_F(GpioListener, AttributesOfAnOrdinarySysfsNeitherSpinNorLoseInterrupts)

@@ -69,6 +69,8 @@ TEST_F(I2c, ReadsInOneTransferAndWritesByteByByte)
     EXPECT_EQ(bus_.transfers, (strings{"50 W[0f] R3", "50 W[12 34] R1", "50 W[01] R0", "50 W[10 de]",
                                        "50 W[10 ad]", "50 W[12 34 de]"}));
 
+    bus_.counts = false;
+    EXPECT_EQ(kiv_i2c_read_reg8(&device, 0x0f, 3, out) + kiv_i2c_write_reg8(&device, 0x10, 1, out), KIV_OK);
     bus_.transfers.clear();
     log_capture log;
     EXPECT_EQ(kiv_i2c_write_reg8(&device, 0x10, 0, out), KIV_ERR_WRITE);

@@ -10,12 +10,15 @@
 #include <vector>
 
 #include "support/eventually.h"
+#include "support/fake_gpio.h"
 #include "support/fake_host.h"
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/scratch.h"
 #include "support/text.h"
+#include "tests/kiv_test_events/events_test.h"
 #include "zol/kiv_debug.h"
+#include "zol/kiv_gpio.h"
 #include "zol/kiv_status.h"
 
 using strings = std::vector<std::string>;
@@ -146,6 +149,50 @@ TEST_F(Modules, ThreadTestPrintsEveryMessage)
     const int failures = zol_test::handled_failures(
         [] { return (run(_test_kiv_thread, {}) == 1) == zol_test::failed_call().empty(); });
     EXPECT_GE(failures, 10 + 5) << "a stop without memory among them";
+}
+
+// Each failure of the library is in the log of the test that met it, and in its verdict.
+TEST_F(Modules, GpioTestsFailWhenOneOfTheirStepsDoes)
+{
+    const zol_test::fake_gpio pins;
+    const auto clean_up = [] {
+        kiv_gpio_init();
+        while (kiv_gpio_free(17) == KIV_OK) {
+        }
+        kiv_gpio_deinit();
+    };
+    const auto verdicts_agree = [&] {
+        log_capture log;
+        kiv_gpio_init();
+        run(test_gpio, {"-c", "1", "-e", "17", "-d", "-r", "17"});
+        std::size_t reports = 0;
+        for (const char *report : {"failed freeing gpio 17 cycle count ", "failed requesting gpio 17",
+                                   "failed initializing cycle ", "failed to register gpio 17 cycle count ",
+                                   "failed to unregister gpio 17 cycle count "}) {
+            reports += count_of(log.out(), report);
+        }
+        const bool agrees = count_of(log.out(), "Test FAILED!") == reports &&
+                            count_of(log.out(), "Test PASSED!") + reports == 3;
+        clean_up();
+        clean_up(); // the first one may have met the failure
+        return agrees && (reports == 0 || !zol_test::failed_call().empty());
+    };
+    EXPECT_TRUE(verdicts_agree()); // after which the fake has all its nodes
+    EXPECT_GE(zol_test::handled_failures(verdicts_agree), 30);
+}
+
+TEST_F(Modules, EventsTestsEndWithoutTheirEvents)
+{
+    kiv::events_test::listener_info info = {1, 3, {"nobody"}, 0, 0, {}, 0, false};
+    kiv::events_test::__listener(&info);
+    EXPECT_EQ(log_.count("ERRR", "waitfor returned err -10"), 3U);
+    EXPECT_TRUE(info.failed == 1 && info.ended && info.received == 0);
+    const int failures = zol_test::handled_failures([] {
+        log_capture log;
+        run(test_events, {"-3", "2"});
+        return count_of(log.out(), "Test FAILED!") == (zol_test::failed_call().empty() ? 0U : 1U);
+    });
+    EXPECT_GE(failures, 2) << "a group of each cycle";
 }
 
 TEST_F(Modules, StressWorkersWriteTheirFiles)

@@ -59,6 +59,16 @@ TEST_F(Tokens, ReadsTokensUpToTheCallersSize)
     }
 }
 
+TEST_F(Tokens, NeedsABufferForBytesOnly)
+{
+    log_capture log;
+    uint32_t got = 99;
+    EXPECT_EQ(kiv_token_getData("CAL", nullptr, 4, &got), KIV_ERR_INVALID_PARAM);
+    EXPECT_EQ(got, 99U);
+    EXPECT_TRUE(log.has("ERRR", "no buffer for the 4 bytes of token CAL"));
+    EXPECT_TRUE(kiv_token_getData("CAL", nullptr, 0, &got) == KIV_OK && got == 0);
+}
+
 TEST_F(Tokens, RefusesMissingTokensAndFilesWithoutBytes)
 {
     ASSERT_EQ(mkfifo((scratch_.path() / "FIFO").c_str(), 0600), 0);

@@ -41,8 +41,8 @@ public:
     }
     [[nodiscard]] words rest() const
     {
-        return at_ < words_.size() ? words(words_.begin() + static_cast<std::ptrdiff_t>(at_), words_.end())
-                                   : words();
+        const auto taken = static_cast<std::ptrdiff_t>(std::min(at_, words_.size()));
+        return words(words_.begin() + taken, words_.end());
     }
 
     std::uint32_t number(const std::string &word, const char *kind, std::uint32_t lowest,

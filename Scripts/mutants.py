@@ -2,12 +2,13 @@
 """Measures how many faults the tests detect: puts random one-line faults into the sources, one at a time.
 
 Each fault ("mutant") is built in a copy of the tree, and the suite runs on it: first the tests that detected earlier mutants
-of the same folder, then all others. A mutant that no test detects points to a gap; a mutant that many tests detect points
+of the same folder, in earlier runs too, then all others. A mutant that no test detects points to a gap; a mutant that many tests detect points
 to overlap.
 """
 
 import argparse
 import collections
+import json
 import os
 import pathlib
 import random
@@ -19,6 +20,7 @@ import xml.etree.ElementTree as xml
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 COPY = TOP / "build" / "mutants"
+MEMORY = COPY / "detecting_tests.json"
 DEFAULT_PLACES = ["Src", "Board"]
 # Slow tests that install, or compare documents: they are not made to detect faults of the sources.
 LEFT_OUT = "applications_of_the_installed_library|applications_that_contain_the_tree|manual_pages|completions|readme|on_board_limits"
@@ -151,6 +153,14 @@ def detecting_tests(mutant, likely, options):
         target.write_text(original)
 
 
+def remembered():
+    """The tests that detected mutants of each folder, in the order of their first mutant."""
+    killers = collections.defaultdict(list)
+    if MEMORY.exists():
+        killers.update(json.loads(MEMORY.read_text()))
+    return killers
+
+
 def tell(number, count, mutant, noticed):
     verdict = f"killed by {', '.join(noticed)}" if noticed else "SURVIVED"
     print(f"[{number}/{count}] {mutant.path}:{mutant.line + 1}: {verdict}", flush=True)
@@ -181,7 +191,7 @@ def main():
         sys.exit(f"mutants: tests fail without any fault: {', '.join(broken)}")
     tried = killed = 0
     noticed_by = collections.Counter()
-    killers = collections.defaultdict(list)  # of each folder, in the order of their first mutant
+    killers = remembered()
     while tried < options.count and candidates:
         mutant = candidates.pop()
         likely = killers[os.path.dirname(mutant.path)]
@@ -189,6 +199,7 @@ def main():
         if noticed is None:
             continue
         likely.extend(name for name in noticed if name not in likely)
+        MEMORY.write_text(json.dumps(killers))
         tried += 1
         killed += bool(noticed)
         noticed_by.update(noticed)

@@ -2,8 +2,8 @@
 """Measures how many faults the tests detect: puts random one-line faults into the sources, one at a time.
 
 Each fault ("mutant") is built in a copy of the tree, and the suite runs on it: first the tests that detected earlier mutants
-of the same folder, in earlier runs too, then all others. A mutant that no test detects points to a gap; a mutant that many tests detect points
-to overlap.
+of the same folder, in earlier runs too, then all others. A mutant that no test detects points to a gap; a mutant that many
+tests detect points to overlap.
 """
 
 import argparse
@@ -20,6 +20,7 @@ import xml.etree.ElementTree as xml
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 COPY = TOP / "build" / "mutants"
+LONGEST_TEST = 60  # seconds; a test that hangs fails by it
 MEMORY = COPY / "detecting_tests.json"
 DEFAULT_PLACES = ["Src", "Board"]
 # Slow tests that install, or compare documents: they are not made to detect faults of the sources.
@@ -108,7 +109,8 @@ def copy_tree():
 
 def prepare(preset):
     copy_tree()
-    for step in (["cmake", "--preset", preset], ["cmake", "--build", "--preset", preset]):
+    configure = ["cmake", "--preset", preset, f"-DZOL_TEST_TIMEOUT={LONGEST_TEST}"]
+    for step in (configure, ["cmake", "--build", "--preset", preset]):
         done = run(step)
         if done.returncode != 0:
             sys.exit(f"mutants: the tree itself does not build:\n{done.stdout[-2000:]}")
@@ -122,8 +124,8 @@ def failing_tests(options, only_first, chosen=None):
     """The names of the tests that fail, of all or of the chosen ones. A hanging test fails by its time limit."""
     report = COPY / "report.xml"
     report.unlink(missing_ok=True)
-    command = ["ctest", "--preset", options.preset, "-j", str(options.jobs), "-E", LEFT_OUT, "--timeout", "60",
-               "--output-junit", str(report)]
+    command = ["ctest", "--preset", options.preset, "-j", str(options.jobs), "-E", LEFT_OUT,
+               "--timeout", str(LONGEST_TEST), "--output-junit", str(report)]
     if chosen:
         command += ["-R", "^(" + "|".join(map(re.escape, chosen)) + ")$"]
     run(command + (["--stop-on-failure"] if only_first else []))

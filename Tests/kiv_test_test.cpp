@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/debug_level.h"
 #include "support/eventually.h"
 #include "support/fake_gpio.h"
 #include "support/fake_host.h"
@@ -124,7 +125,7 @@ protected:
     {
         words.insert(words.begin(), "kivtest.exe");
         optind = 0; // getopt forgets the command line before, which is gone
-        g_debugLevel = 2;
+        zol_test::set_debug_level(2);
         return module(static_cast<int>(words.size()), arguments_of(words).data(), 0);
     }
 

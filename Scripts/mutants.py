@@ -51,8 +51,9 @@ OPERATORS = [
 # A statement that can be removed: a call or an assignment on one line.
 STATEMENT = re.compile(r"^\s+(?!return|const|auto|using|static|throw|break|continue|case|default|goto|delete)"
                        r"[\w:.>*\[\]-]+(\(.*\)| (=|\+=|-=|\|=|&=) .*);$")
-# Lines that are left alone: comments, directives, and messages, whose loss is no fault of the product.
-SKIPPED = re.compile(r"^\s*(//|/\*|\*|#|static_assert|KIV_LOG_|std::perror)")
+# Lines that are left alone: comments, directives, and messages, whose loss is no fault of the product. The last three are no
+# instructions: va_end() of all supported systems, and hints to ThreadSanitizer.
+SKIPPED = re.compile(r"^\s*(//|/\*|\*|#|static_assert|KIV_LOG_|std::perror|va_end|kiv::(hand|take)_over)")
 LITERAL = re.compile(r'"(?:[^"\\]|\\.)*"|\'(?:[^\'\\]|\\.)*\'|//.*$')
 
 Mutant = collections.namedtuple("Mutant", "path line before after")

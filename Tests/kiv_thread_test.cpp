@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <utility>
@@ -16,6 +17,7 @@
 #include "support/fault_sweep.h"
 #include "support/forked.h"
 #include "support/log_capture.h"
+#include "zol/kiv_debug.h"
 #include "zol/kiv_status.h"
 
 using zol_test::log_capture;
@@ -119,6 +121,25 @@ TEST(Message, HoldsAtLeastItsHeader)
     kiv_message_free(nullptr);
 }
 
+// Of the calls of the next test, in their order.
+#define X21 "xxxxxxxxxxxxxxxxxxxxx"
+constexpr const char *refusals[] = {
+    "can't create thread (ab): its priority is above 3",
+    "can't create thread (ab): it has no handler",
+    "can't create thread (a): its name has to have 2 to 63 characters",
+    "can't create thread (" X21 X21 X21 "): its name has to have 2 to 63 characters",
+    "can't create thread (NULL): no parameters",
+    "can't create thread (NULL): no thread object",
+    "can't create thread (ab): it needs an object and a name",
+    "can't create thread (): it needs an object and a name",
+    "can't create thread (a): its name has to have 2 to 63 characters",
+    "thread (ab): the message is too small: see kiv_message_new()",
+    "thread (ab): no message",
+    "thread (NULL): not created, or deleted",
+    "no thread to join",
+    "thread (): not created, or deleted",
+};
+
 TEST_F(Worker, RejectsInvalidParameters)
 {
     const auto creation = [this](const std::string &name, uint32_t priority, kiv_thread_handler handler) {
@@ -130,11 +151,13 @@ TEST_F(Worker, RejectsInvalidParameters)
     kiv_thread other = {};
     kiv_message small = {};
     small.sizeBytes = sizeof small - 1;
+    log_capture log;
+    g_debugLevel = KIV_DEBUG_LEVEL_ALL; // a line about a thread that there is not
     const int32_t refused[] = {
         creation("ab", 4, note),
         creation("ab", 1, nullptr),
         creation("a", 1, note),
-        creation(std::string(sizeof kiv_thread_params::name, 'x'), 1, note),
+        creation(X21 X21 X21 "x", 1, note),
         kiv_thread_create(&other, nullptr),
         kiv_thread_create(nullptr, nullptr),
         kiv_thread_create_default(nullptr, "ab", note, nullptr),
@@ -149,6 +172,9 @@ TEST_F(Worker, RejectsInvalidParameters)
     };
     EXPECT_EQ(std::ranges::count(refused, KIV_ERR_INVALID_PARAM), std::ssize(refused))
         << testing::PrintToString(refused);
+    std::vector<std::string> reasons = log.texts("ERRR");
+    std::erase_if(reasons, [](const std::string &line) { return line.starts_with("ASSERT FAILED"); });
+    EXPECT_EQ(reasons, std::vector<std::string>(std::begin(refusals), std::end(refusals)));
     EXPECT_EQ(send(data_message), KIV_OK) << "never started: freed by the delete";
     EXPECT_EQ(kiv_thread_stop(&worker_), KIV_ERR_STATE);
     EXPECT_TRUE(kiv_thread_delete(&other) == KIV_OK && kiv_thread_delete(nullptr) == KIV_OK);

@@ -98,7 +98,7 @@ std::vector<zol_bench::row> config_rows()
     std::vector<zol_bench::row> rows;
     for (const std::string keys : {"20/10", "20/19", "500/250", "500/499"}) {
         rows.push_back({"kiv_config_get_param, keys/key " + keys + " : pugixml", "config/ours/" + keys,
-                        "config/pugixml/" + keys});
+                        "config/pugixml/" + keys, 1.2});
         rows.push_back({"kiv_config_get_param, keys/key " + keys + " : GKeyFile", "config/ours/" + keys,
                         "config/gkeyfile/" + keys});
     }

@@ -1,5 +1,5 @@
-// What the started library keeps in memory: the growth of the resident set over the start, in a process that
-// has loaded the library and done nothing else.
+// The memory of the started library: the growth of the resident set over the start, in a process that has loaded
+// the library and done nothing else.
 
 #include <unistd.h>
 

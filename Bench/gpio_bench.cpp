@@ -184,7 +184,7 @@ private:
     std::size_t request_size_ = 0;
 };
 
-// Where interrupts arrive.
+// The end of an interrupt's way: counts arrivals, and wakes the waiter.
 struct arrivals {
     sem_t waiter;
     std::atomic<long> count{0};
@@ -256,7 +256,7 @@ private:
     pins allocated_;
 };
 
-// What an application without the library would write.
+// The loop that an application without the library would write.
 class bare_receiver
 {
 public:

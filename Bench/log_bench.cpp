@@ -95,7 +95,7 @@ void open_bare_file(const benchmark::State &)
     gettimeofday(&g_bare_start, nullptr);
 }
 
-// What one would write by hand: the same bytes, with a time stamp, safe for threads.
+// A line written by hand: the same bytes, with a time stamp, safe for threads.
 void log_bare(benchmark::State &state)
 {
     int value = 0;

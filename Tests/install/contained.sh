@@ -122,7 +122,7 @@ FetchContent_MakeAvailable(zol)
 END
 check fetched
 
-# What is asked for is there: some of its tests run in the unpacked tree.
+# The parts that were asked for are there: some tests run in the unpacked tree.
 quietly cmake -DASKED_FOR_MORE=ON -DZOL_BUILD_TOOLS=ON -DZOL_BUILD_TESTS=ON "$scratch/fetched/build"
 quietly cmake --build fetched/build --target zol_timing zol
 quietly ctest --test-dir fetched/build/_deps/zol-build -R '^(exported_names|readme_shows|completions)'

@@ -107,7 +107,7 @@ std::string take_option(command_words &taken, const command &form, const words &
     return "";
 }
 
-// What the words of a command lack, or have too much. @return "" or the mistake.
+// Compares the options and operands of a command with those that it takes. @return "" or the mistake.
 std::string examine(const command_words &taken, const command &form)
 {
     for (const option &each : form.options) {

@@ -1,4 +1,4 @@
-// What is wrong in a configuration file, and what to do about it.
+// Finds the mistakes of a configuration file, and says what to do about them.
 #pragma once
 
 #include <cstdint>

@@ -106,7 +106,7 @@ void print_bytes(output &out, std::string_view bytes)
 {
     for (std::size_t at = 0; at < bytes.size(); at += bytes_of_a_line) {
         const std::string_view some = bytes.substr(at, bytes_of_a_line);
-        char place[16];
+        char place[24];
         std::snprintf(place, sizeof place, "%04zx  ", at);
         std::string hex = as_hex(some);
         hex.resize(3 * bytes_of_a_line + 1, ' ');

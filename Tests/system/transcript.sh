@@ -34,10 +34,10 @@ fi
 
 # The next functions are for the transcripts.
 
-# eventually COMMAND: waits until the command succeeds.
+# eventually COMMAND: waits until the command succeeds. Its files may not exist yet.
 eventually() {
     for _ in $(seq 300); do
-        ! eval "$1" || return 0
+        ! eval "$1" 2> /dev/null || return 0
         sleep 0.1
     done
     return 1

@@ -126,18 +126,31 @@ WRAPPED(int, clock_gettime, (clockid_t clock, timespec *ts), -1, EINVAL,
         fake_host::time(clock, *ts) ? 0 : __real_clock_gettime(clock, ts))
 WRAPPED(int, poll, (pollfd * fds, nfds_t count, int timeout), -1, ENOMEM,
         pins() != nullptr ? pins()->poll(fds, count, timeout) : __real_poll(fds, count, timeout))
-// The library creates no file, so there is no mode to pass on. A program that is started must not inherit a descriptor.
-WRAPPED(int, open, (const char *path, int flags, ...), -1, EMFILE,
-        (flags & O_CLOEXEC) == 0          ? -1
-        : fake_gpio::has(path)            ? pins()->open(path)
-        : fake_chips::of(path) != nullptr ? fake_chips::of(path)->open(path)
-                                          : __real_open(path, flags))
 WRAPPED(ssize_t, write, (int fd, const void *data, std::size_t size), -1, EIO,
         fake_gpio::of(fd) != nullptr
             ? pins()->write(*fake_gpio::of(fd), static_cast<const char *>(data), size)
             : __real_write(fd, data, size))
 WRAPPED(off_t, lseek, (int fd, off_t offset, int whence), -1, EIO,
         fake_gpio::of(fd) != nullptr ? fake_gpio::seek(*fake_gpio::of(fd)) : __real_lseek(fd, offset, whence))
+
+// The library creates no file by this call. The measurement of coverage does, at the end of the process. A program that is
+// started must not inherit a descriptor of the library.
+WRAPPER(int, open, (const char *path, int flags, ...))
+{
+    if ((flags & O_CREAT) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        const mode_t mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+        return __real_open(path, flags, mode);
+    }
+    if (call_fails("open", EMFILE) || (flags & O_CLOEXEC) == 0) {
+        return -1;
+    }
+    return fake_gpio::has(path)              ? pins()->open(path)
+           : fake_chips::of(path) != nullptr ? fake_chips::of(path)->open(path)
+                                             : __real_open(path, flags);
+}
 
 // A hardened build calls this when the compiler does not know the flags.
 int __wrap___open_2(const char *path, int flags);

@@ -78,7 +78,8 @@ TEST(Debug, FormatsLikePrintf)
     }
     EXPECT_AS_PRINTED("%s%s%d", very_long.c_str(), name.c_str(), 7);
     EXPECT_AS_PRINTED("%4d%s%d", 6, no_text, 7);
-    EXPECT_AS_PRINTED("%d%% of %300d %c %p %ld %5.2f %s %#x %+d", 1, 2, 'c', nullptr, 3L, 4.0, "5", 6U, 7);
+    EXPECT_AS_PRINTED("%d%% of %300d %c %p %ld %5.2f %s %#x %+d", 1, 2, 'c', static_cast<void *>(nullptr), 3L,
+                      4.0, "5", 6U, 7);
     for (const std::size_t size :
          {300U, 310U, 380U, 420U, 425U, 430U, 512U}) { // the end of the library's own room
         const std::string text(size, 't');

@@ -166,7 +166,7 @@ run_line_steps() {
     step "lines: no level interrupts"   "a line of a GPIO chip has edges only" use_pins 'alloc 40\nreg 40 1 1\n'
     step "lines: checked by zol"        "the library starts: 0 errors, 0 warnings" zol conf check /tmp/lines.xml
     step "lines: driven by zol"         ""                          zol --conf /tmp/lines.xml gpio set 201=1
-    step "lines: read by zol"           "201=1"                     zol --conf /tmp/lines.xml gpio get 201
+    step "lines: read by zol"           "201=1"                     zol --conf /tmp/lines.xml gpio get 201 202
     step "lines: in use by the kernel"  'line 1 of 20a0000.gpio is in use by "Menu"' use_pins 'alloc 33\n'
     step "lines: in use by a program"   'line 8 of 20a0000.gpio is in use by "test"' \
         use_pins 'alloc 40\n' 'is in use by' another_program 40

@@ -280,7 +280,7 @@ run_steps() {
     step "i2c-tools: answers as on the virtual board" ""        /init --transcript Tests/transcripts/i2c_tools.txt
 
     step "zol: the devices of a bus"   "0x68"                      zol i2c scan -b 0
-    step "zol: registers of 16 bits"   "0x0123: 0xa5"              zol i2c get -b 1 -d 0x50 --16 -r 0x123
+    step "zol: registers of 16 bits"   "0xa5"                      zol i2c get -b 1 -d 0x50 --16 -r 0x123
 
     echo '<board><bus number="5" node="/dev/i2c-0"/></board>' > /tmp/forwarded.xml
     step "a forwarded bus: its journal" "W[30] R[66] ok, "          kivboard run --board /tmp/forwarded.xml -- \

@@ -190,6 +190,14 @@ count_callbacks() {
     echo "$(grep -c 'GPIO cbk, gpio=3,' /tmp/calls) callbacks"
 }
 
+# Presses the power key some times, because a program takes a while to watch its pin.
+press_repeatedly() {
+    for _ in 1 2 3 4 5; do
+        sleep 2
+        echo pulse > /dev/console
+    done
+}
+
 # ticks PROGRAM: the processor time that it has used, in 1/100 s.
 ticks() {
     awk '{ print $14 + $15 }' "/proc/$(pidof "$1")/stat"
@@ -220,11 +228,9 @@ run_interrupt_steps() {
     step "interrupts: 100 pulses, rising"     "100 callbacks"       count_callbacks 3
     step "interrupts: 100 pulses, falling"    "100 callbacks"       count_callbacks 2
     step "interrupts: 100 pulses, both edges" "200 callbacks"       count_callbacks 4
-    {
-        sleep 2
-        echo pulse > /dev/console
-    } &
+    press_repeatedly &
     step "interrupts: zol waits for one"      "pin 3"               zol --conf /tmp/lines.xml gpio wait 3 -t 60s
+    wait
     step "removed chip: the library rests"    "it does not spin"    remove_the_chip
     step "removed chip: reading a level"      "gpio 3 is not read, errno 19" cat /tmp/removed
     step "removed chip: the listener"         "gpio 3 reports an error" cat /tmp/removed

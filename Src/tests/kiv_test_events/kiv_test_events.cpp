@@ -36,7 +36,7 @@ void print_options()
         "<iter_count> iterations");
 }
 
-// Some options have no function here. They are accepted because command lines are shared with the GPIO test.
+// The letters that have no case below are answered with the help.
 constexpr char shortOptions[] = "1:23:a:f:ic:e:d";
 
 constexpr option longOptions[] = {

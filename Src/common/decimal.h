@@ -1,6 +1,7 @@
 // Decimal digits without divisions: a build for a small processor, optimised for size, would call a function for each.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 namespace kiv
@@ -20,6 +21,14 @@ inline char *write_decimal(char *end, std::uint32_t value) noexcept
         value = tenth;
     } while (value != 0);
     return end;
+}
+
+/// Writes a value from a place on, which has room for ten digits. @return The end of the digits.
+inline char *append_decimal(char *at, std::uint32_t value) noexcept
+{
+    char digits[10];
+    char *const end = digits + sizeof digits;
+    return std::copy(write_decimal(end, value), end, at);
 }
 
 } // namespace kiv

@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -23,9 +23,12 @@ constexpr long us_per_second = 1'000'000;
 constexpr char writer_routine[] = "kiv_tl_worker_thread";
 
 // "%ld.%06ld,"
-char *write_time(char *at, char *end, const timeval &time) noexcept
+char *write_time(char *at, const timeval &time) noexcept
 {
-    at = std::to_chars(at, end, time.tv_sec).ptr;
+    if (time.tv_sec < 0) { // the clock was set back
+        *at++ = '-';
+    }
+    at = append_decimal(at, static_cast<std::uint32_t>(std::abs(time.tv_sec)));
     *at++ = '.';
     char *const fraction_end = at + 6;
     char *const digits = write_decimal(fraction_end, static_cast<std::uint32_t>(time.tv_usec));
@@ -133,7 +136,7 @@ void csv_writer::flush() noexcept
 
 void csv_writer::begin_event(const timeval &time) noexcept
 {
-    time_size_ = static_cast<std::size_t>(write_time(time_.data(), time_.end(), time) - time_.data());
+    time_size_ = static_cast<std::size_t>(write_time(time_.data(), time) - time_.data());
 }
 
 void csv_writer::begin_row() noexcept
@@ -146,13 +149,13 @@ void csv_writer::begin_row() noexcept
 void csv_writer::time_cell(const timeval &time) noexcept
 {
     make_room(longest_cell);
-    used_ = static_cast<std::size_t>(write_time(&block_[used_], block_.end(), time) - block_.data());
+    used_ = static_cast<std::size_t>(write_time(&block_[used_], time) - block_.data());
 }
 
 void csv_writer::lane_cell(int32_t value) noexcept
 {
     make_room(longest_cell);
-    char *const end = std::to_chars(&block_[used_], block_.end(), value).ptr;
+    char *const end = append_decimal(&block_[used_], static_cast<std::uint32_t>(value));
     *end = ',';
     used_ = static_cast<std::size_t>(end + 1 - block_.data());
 }

@@ -21,9 +21,9 @@ constexpr gint64 flush_interval_us = 10'000;
 // Events come fast when the mean time between them is shorter.
 constexpr gint64 fast_us = 50;
 
-// A sleep costs as much as tens of rows, so it lasts until an eighth of the pool is used at the present rate.
-constexpr gint64 longest_nap_us = 500;
-constexpr gint64 events_per_nap = pool_size / 8;
+// A sleep costs as much as tens of rows, so it lasts until a quarter of the pool is used at the present rate.
+constexpr gint64 longest_nap_us = 1000;
+constexpr gint64 events_per_nap = pool_size / 4;
 
 enum class row_kind { state, event };
 
@@ -184,7 +184,7 @@ private:
         return msg != nullptr;
     }
 
-    std::array<kiv_tl_msg *, 128> messages_ = {};
+    std::array<kiv_tl_msg *, 256> messages_ = {};
     std::size_t count_ = 0;
 };
 

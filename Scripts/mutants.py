@@ -23,6 +23,7 @@ COPY = TOP / "build" / "mutants"
 LONGEST_TEST = 60  # seconds; a test that hangs fails by it
 MEMORY = COPY / "detecting_tests.json"
 DEFAULT_PLACES = ["Src", "Board"]
+DEFAULT_PRESETS = ["debug"]
 # Slow tests that install, or compare documents: they are not made to detect faults of the sources.
 LEFT_OUT = "applications_of_the_installed_library|applications_that_contain_the_tree|manual_pages|completions|readme|on_board_limits"
 
@@ -108,24 +109,25 @@ def copy_tree():
             shutil.copy(TOP / path, target)
 
 
-def prepare(preset):
+def prepare(presets):
     copy_tree()
-    configure = ["cmake", "--preset", preset, f"-DZOL_TEST_TIMEOUT={LONGEST_TEST}"]
-    for step in (configure, ["cmake", "--build", "--preset", preset]):
-        done = run(step)
-        if done.returncode != 0:
-            sys.exit(f"mutants: the tree itself does not build:\n{done.stdout[-2000:]}")
+    for preset in presets:
+        configure = ["cmake", "--preset", preset, f"-DZOL_TEST_TIMEOUT={LONGEST_TEST}"]
+        for step in (configure, ["cmake", "--build", "--preset", preset]):
+            done = run(step)
+            if done.returncode != 0:
+                sys.exit(f"mutants: the tree itself does not build:\n{done.stdout[-2000:]}")
 
 
 def builds(preset):
     return run(["cmake", "--build", "--preset", preset]).returncode == 0
 
 
-def failing_tests(options, only_first, chosen=None):
+def failing_tests(preset, options, only_first, chosen=None):
     """The names of the tests that fail, of all or of the chosen ones. A hanging test fails by its time limit."""
     report = COPY / "report.xml"
     report.unlink(missing_ok=True)
-    command = ["ctest", "--preset", options.preset, "-j", str(options.jobs), "-E", LEFT_OUT,
+    command = ["ctest", "--preset", preset, "-j", str(options.jobs), "-E", LEFT_OUT,
                "--timeout", str(LONGEST_TEST), "--output-junit", str(report)]
     if chosen:
         command += ["-R", "^(" + "|".join(map(re.escape, chosen)) + ")$"]
@@ -134,11 +136,11 @@ def failing_tests(options, only_first, chosen=None):
     return [case.get("name") for case in cases if case.get("status") == "fail"]
 
 
-def noticed_by_tests(likely, options):
+def noticed_by_tests(preset, likely, options):
     """The tests that fail: all of them, or the first one, for which the likely tests are run before the others."""
     if options.all:
-        return failing_tests(options, False)
-    return (likely and failing_tests(options, True, likely)) or failing_tests(options, True)
+        return failing_tests(preset, options, False)
+    return (likely and failing_tests(preset, options, True, likely)) or failing_tests(preset, options, True)
 
 
 def detecting_tests(mutant, likely, options):
@@ -149,9 +151,12 @@ def detecting_tests(mutant, likely, options):
     lines[mutant.line] = mutant.after + "\n"
     target.write_text("".join(lines))
     try:
-        if not builds(options.preset):
-            return None
-        return noticed_by_tests(likely, options)
+        for preset in options.presets:
+            if not builds(preset):
+                return None
+            if noticed := noticed_by_tests(preset, likely, options):
+                return noticed
+        return []
     finally:
         target.write_text(original)
 
@@ -178,7 +183,8 @@ def parse_arguments():
     parser.add_argument("--seed", type=int, help="repeats an earlier choice of mutants")
     parser.add_argument("--all", action="store_true",
                         help="run every test on every mutant and show all that detect it, not just the first")
-    parser.add_argument("--preset", default="debug", help="the build to use (default: %(default)s)")
+    parser.add_argument("--presets", nargs="+", default=DEFAULT_PRESETS, metavar="PRESET",
+                        help="the builds to use; a later one sees what survived the one before (default: %(default)s)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="tests at a time (default: %(default)s)")
     return parser.parse_args()
 
@@ -189,9 +195,10 @@ def main():
     candidates = [mutant for path in sources(options.places) for mutant in mutants_of(path)]
     random.Random(seed).shuffle(candidates)
     print(f"mutants: {options.count} of {len(candidates)} candidates in {' '.join(options.places)}, seed {seed}")
-    prepare(options.preset)
-    if broken := failing_tests(options, False):
-        sys.exit(f"mutants: tests fail without any fault: {', '.join(broken)}")
+    prepare(options.presets)
+    for preset in options.presets:
+        if broken := failing_tests(preset, options, False):
+            sys.exit(f"mutants: tests fail without any fault ({preset}): {', '.join(broken)}")
     tried = killed = 0
     noticed_by = collections.Counter()
     killers = remembered()

@@ -34,6 +34,7 @@ def operations(sensor, pin, event):
     number, level, value = ctypes.c_int32(), ctypes.c_int(), ctypes.create_string_buffer(1)
     room = ctypes.create_string_buffer(4096)
     entry = WaitEntry(b"calls", 0, ctypes.addressof(room), len(room), 0)
+    entry.owned_room = room  # lives as long as the entry that points to it
 
     def pass_event():
         event.notify(b"payload")

@@ -2,11 +2,14 @@
 
 add_library(zol_compile INTERFACE)
 
+# Only a frame as large as a page could step over the guard page of a stack. A target with the property ZOL_SMALL_FRAMES has none.
+set(zol_has_small_frames $<BOOL:$<TARGET_PROPERTY:ZOL_SMALL_FRAMES>>)
+
 target_compile_options(zol_compile INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2 -Wvla
     -fstack-protector-strong
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
-    $<$<CXX_COMPILER_ID:GNU>:-fstack-clash-protection>)
+    $<$<CXX_COMPILER_ID:GNU>:$<IF:${zol_has_small_frames},-Wframe-larger-than=4000,-fstack-clash-protection>>)
 
 # Files of any size and inode number on 32-bit targets. The public headers depend on the width of time_t, but not on that of
 # off_t, so applications are free to choose.

@@ -92,7 +92,7 @@ void kiv::wake_users(kiv_event_item &item)
     const cancellation_off uncancelled;
     const std::scoped_lock lock(item.reading);
     fcntl(item.write_fd, F_SETFL, O_NONBLOCK);
-    uint8_t nowhere[4096];
+    uint8_t nowhere[2048];
     int left = 0;
     ioctl(item.read_fd, FIONREAD, &left);
     while (left > 0) {

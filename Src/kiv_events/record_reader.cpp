@@ -58,7 +58,7 @@ transfer read_next(int fd, const destination &to, uint32_t got, uint32_t size) n
     if (got < to.room) {
         return read_some(fd, to.data + got, std::min(size, to.room) - got);
     }
-    uint8_t nowhere[4096];
+    uint8_t nowhere[2048];
     return read_some(fd, nowhere, std::min<uint32_t>(size - got, sizeof nowhere));
 }
 

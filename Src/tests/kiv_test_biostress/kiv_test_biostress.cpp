@@ -94,7 +94,7 @@ stamp stamp_now()
 // Counts the bytes of a file. Stops when it holds more than were written.
 std::size_t count_bytes(FILE *file)
 {
-    char block[4096];
+    char block[2048];
     std::size_t total = 0;
     for (std::size_t got = 1; got > 0 && total <= file_size;) {
         got = std::fread(block, 1, sizeof block, file);

@@ -31,8 +31,21 @@ public:
     void lock() noexcept KIV_ACQUIRE() { pthread_mutex_lock(&native_); }
     void unlock() noexcept KIV_RELEASE() { pthread_mutex_unlock(&native_); }
 
+protected:
+    explicit constexpr mutex(const pthread_mutex_t &initial) noexcept : native_(initial) {}
+
 private:
     pthread_mutex_t native_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// The thread that holds it may lock it again.
+class recursive_mutex : public mutex
+{
+public:
+    constexpr recursive_mutex() noexcept : mutex(initial) {}
+
+private:
+    static constexpr pthread_mutex_t initial = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 };
 
 class KIV_SCOPED_CAPABILITY scoped_lock

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 
 #include "cancellation.h"
 #include "common/text.h"
@@ -90,7 +89,7 @@ void kiv::wake_users(kiv_event_item &item)
         return; // the parent lives
     }
     const cancellation_off uncancelled;
-    const std::scoped_lock lock(item.reading);
+    const scoped_lock lock(item.reading);
     fcntl(item.write_fd, F_SETFL, O_NONBLOCK);
     uint8_t nowhere[2048];
     int left = 0;

@@ -37,9 +37,6 @@ namespace
 
 constexpr uint32_t largest_payload = UINT32_MAX - sizeof(record_header);
 
-// Holds off other notifications of the event.
-using notify_lock = std::scoped_lock<std::recursive_mutex>;
-
 bool is_sendable(const void *payload, uint32_t size) noexcept
 {
     return size <= largest_payload && (payload != nullptr || size == 0);
@@ -155,7 +152,7 @@ bool is_taken_by_callback(kiv_event_item &item, const void *payload, uint32_t si
 // The notification proper, of an event that is in use by this call.
 int32_t send(kiv_event_item &item, const void *payload, uint32_t size, uint32_t userArg, call_site site)
 {
-    const notify_lock lock(item.notifying);
+    const kiv::scoped_lock no_other_notification(item.notifying);
     if (item.is_deleted()) {
         return report_deleted(item, site);
     }

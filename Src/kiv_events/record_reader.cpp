@@ -198,7 +198,7 @@ read_result read_payload(kiv_event_item &item, kiv_event_wait_entry &entry, call
 kiv::read_result kiv::read_record(kiv_event_item &item, kiv_event_wait_entry &entry, call_site site)
 {
     const kiv::cancellation_off uncancelled;
-    const std::scoped_lock lock(item.reading);
+    const scoped_lock lock(item.reading);
     if (item.is_deleted()) {
         return read_result::deleted;
     }

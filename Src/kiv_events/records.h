@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
+#include "common/mutex.h"
 #include "record_index.h"
 #include "zol/kiv_events.h"
 
@@ -95,11 +95,11 @@ struct kiv_event_item {
     kiv::index_link<kiv_event_item> by_name;
     kiv_event_item *next_free;
 
-    std::recursive_mutex notifying; // a notification at a time; the callback may notify
+    kiv::recursive_mutex notifying; // a notification at a time; the callback may notify
     uint32_t used;                  // of the container, by the last record
     std::atomic<bool> is_writing;   // more bytes of a long record are sure to come into the pipe
 
-    std::mutex reading; // never held while waiting; guards the inbox
+    kiv::mutex reading; // never held while waiting; guards the inbox
     kiv::inbox inbox;
 
     [[nodiscard]] bool is_deleted() const noexcept { return signature != kiv::item_signature; }

@@ -12,7 +12,6 @@
 #include <cinttypes>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -116,8 +115,8 @@ const Record *next_older(const GList *list, const Record *last, uint64_t serial)
 // records that those threads were writing or reading end in the parent.
 void make_usable_in_child(kiv_event_item &item)
 {
-    new (&item.notifying) std::recursive_mutex;
-    new (&item.reading) std::mutex;
+    new (&item.notifying) kiv::recursive_mutex;
+    new (&item.reading) kiv::mutex;
     item.is_writing = false;
     item.inbox.start_anew();
     item.shared_with = getppid();

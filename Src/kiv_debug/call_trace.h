@@ -6,6 +6,10 @@
 namespace kiv
 {
 
+/// Not in line, since every public function of some modules has both.
+[[gnu::cold, gnu::noinline]] void log_enter(const char *function, int line) noexcept;
+[[gnu::cold, gnu::noinline]] void log_exit(const char *function, int line) noexcept;
+
 /// Logs the entry of the calling function, and its exit on every way out.
 class call_trace
 {
@@ -15,14 +19,14 @@ public:
           is_on_(__atomic_load_n(&g_debugLevel, __ATOMIC_RELAXED) >= level::INF1)
     {
         if (is_on_) {
-            log_at(level::INF1, function_, line_, "<<<<< enter <<<<<\n");
+            log_enter(function_, line_);
         }
     }
 
     ~call_trace()
     {
         if (is_on_) {
-            log_at(level::INF1, function_, line_, "<<<<< exit  >>>>>\n");
+            log_exit(function_, line_);
         }
     }
 

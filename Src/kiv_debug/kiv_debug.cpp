@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "call_trace.h"
 #include "common/cancellation.h"
 #include "common/mutex.h"
 #include "line_start.h"
@@ -98,9 +99,10 @@ void write_to_streams(std::uint32_t level, const kiv::line_start &before, const 
     }
 }
 
-} // namespace
-
-void kiv::log_at(std::uint32_t level, const char *function, int line, const char *text, ...) noexcept
+// @param function  Null: the text may begin with the prefix of the level.
+KIV_PRINTF_LIKE(4, 0)
+void write_line(std::uint32_t level, const char *function, int line, const char *text,
+                va_list &arguments) noexcept
 {
     const int saved_errno = errno;
     const elapsed_time elapsed = elapsed_since_first_message();
@@ -108,35 +110,60 @@ void kiv::log_at(std::uint32_t level, const char *function, int line, const char
     if (stdout == nullptr) {
         return;
     }
-    start.add_prefix(level, function, line);
-    va_list arguments;
-    va_start(arguments, text);
+    if (function != nullptr) {
+        start.add_prefix(level, function, line);
+    } else {
+        text = start.take_prefix(level, text, arguments);
+    }
     const char *const rest = start.add(text, arguments);
     write_to_streams(level, start, rest, arguments);
-    va_end(arguments);
     errno = saved_errno;
 }
 
+} // namespace
+
+template <std::uint32_t level>
+void kiv::log_at(const char *function, int line, const char *text, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, text);
+    write_line(level, function, line, text, arguments);
+    va_end(arguments);
+}
+
+template void kiv::log_at<kiv::level::ERRR>(const char *, int, const char *, ...) noexcept;
+template void kiv::log_at<kiv::level::PRNT>(const char *, int, const char *, ...) noexcept;
+template void kiv::log_at<kiv::level::INF1>(const char *, int, const char *, ...) noexcept;
+template void kiv::log_at<kiv::level::INF2>(const char *, int, const char *, ...) noexcept;
+
 void kiv::report_failed_assertion(const char *source, const char *function, int line) noexcept
 {
-    log_at(level::ERRR, function, line, "ASSERT FAILED [%s][%d]\n", source, line);
+    log_at<level::ERRR>(function, line, "ASSERT FAILED [%s][%d]\n", source, line);
+}
+
+void kiv::report_failed_assertion(const char *source, const char *function, int line,
+                                  const char *reason) noexcept
+{
+    report_failed_assertion(source, function, line);
+    log_at<level::ERRR>(function, line, "%s\n", reason);
+}
+
+void kiv::log_enter(const char *function, int line) noexcept
+{
+    log_at<level::INF1>(function, line, "<<<<< enter <<<<<\n");
+}
+
+void kiv::log_exit(const char *function, int line) noexcept
+{
+    log_at<level::INF1>(function, line, "<<<<< exit  >>>>>\n");
 }
 
 void _kiv_block_print(int level, const char *format, ...)
 {
-    const int saved_errno = errno;
-    const elapsed_time elapsed = elapsed_since_first_message();
-    kiv::line_start start(elapsed.seconds, elapsed.milliseconds);
-    if (stdout == nullptr) {
-        return;
-    }
     va_list arguments;
     va_start(arguments, format);
-    const char *const text = start.take_prefix(static_cast<std::uint32_t>(level), format, arguments);
-    const char *const rest = start.add(text, arguments);
-    write_to_streams(static_cast<std::uint32_t>(level), start, rest, arguments);
+    write_line(static_cast<std::uint32_t>(level), nullptr, 0, format, arguments);
     va_end(arguments);
-    errno = saved_errno;
 }
 
 int32_t kiv_debug_init(void)

@@ -31,27 +31,34 @@ struct call_site {
 };
 
 /// Writes one message under the name and the line of a call site. The prefix of its level is added here: the
-/// library has hundreds of texts, and each would carry a copy of it.
-[[gnu::cold]] KIV_PRINTF_LIKE(4, 5) void log_at(std::uint32_t level, const char *function, int line,
-                                                const char *text, ...) noexcept;
+/// library has hundreds of texts, and each would carry a copy of it. A function per level, because hundreds of calls
+/// would pass the level.
+template <std::uint32_t level>
+[[gnu::cold]] KIV_PRINTF_LIKE(3, 4) void log_at(const char *function, int line, const char *text,
+                                                ...) noexcept;
 
 /// Logs a failed assertion.
 [[gnu::cold]] void report_failed_assertion(const char *source, const char *function, int line) noexcept;
+
+/// Logs a failed assertion, and the reason in a line of its own.
+[[gnu::cold, gnu::noinline]] void report_failed_assertion(const char *source, const char *function, int line,
+                                                          const char *reason) noexcept;
 
 } // namespace kiv
 
 // The log entries of zol/kiv_debug.h, inside the library.
 #undef KIV_LOG_CALL_
 #define KIV_LOG_CALL_(level, prefix, ...)                                                                    \
-    kiv::log_at(level, __builtin_FUNCTION(), __LINE__,                                                       \
-                KIV_LOG_TEXT_(__VA_ARGS__, 0) KIV_LOG_ARGUMENTS_(KIV_LOG_KIND_(__VA_ARGS__), __VA_ARGS__))
+    kiv::log_at<level>(__builtin_FUNCTION(), __LINE__,                                                       \
+                       KIV_LOG_TEXT_(__VA_ARGS__, 0)                                                         \
+                           KIV_LOG_ARGUMENTS_(KIV_LOG_KIND_(__VA_ARGS__), __VA_ARGS__))
 
 /// KIV_LOG_AT(site, INF1, "text %d\n", value) logs under a call site that was handed down.
 #define KIV_LOG_AT(site, tag, text, ...)                                                                     \
     do {                                                                                                     \
         if (kiv::level::tag == kiv::level::ERRR ||                                                           \
             __atomic_load_n(&g_debugLevel, __ATOMIC_RELAXED) >= kiv::level::tag) {                           \
-            kiv::log_at(kiv::level::tag, (site).function, (site).line, text __VA_OPT__(, ) __VA_ARGS__);     \
+            kiv::log_at<kiv::level::tag>((site).function, (site).line, text __VA_OPT__(, ) __VA_ARGS__);     \
         }                                                                                                    \
     } while (0)
 
@@ -74,5 +81,5 @@ struct call_site {
 
 /// The same under a call site that was handed down.
 #define KIV_GIVEN_AT(site, condition, reason)                                                                \
-    (KIV_HOLDS_AT(site, condition) ||                                                                        \
-     (kiv::log_at(kiv::level::ERRR, (site).function, (site).line, "%s\n", reason), false))
+    (static_cast<bool>(condition) ||                                                                         \
+     (kiv::report_failed_assertion(KIV_SOURCE_PATH, (site).function, (site).line, reason), false))

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "common/poll_time.h"
+
 namespace kiv
 {
 
@@ -24,12 +26,7 @@ public:
     /// The rest of it as poll() takes it, rounded up.
     [[nodiscard]] int remaining() const noexcept
     {
-        if (ms_ <= 0) {
-            return ms_;
-        }
-        using std::chrono::milliseconds;
-        const auto left = std::chrono::ceil<milliseconds>(end_ - std::chrono::steady_clock::now());
-        return left > milliseconds::zero() ? static_cast<int>(left.count()) : 0;
+        return ms_ <= 0 ? ms_ : poll_time(end_ - std::chrono::steady_clock::now());
     }
 
 private:

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "command_pipe.h"
+#include "common/poll_time.h"
 #include "kiv_debug/log_as.h"
 
 using kiv::scoped_lock;
@@ -108,22 +109,21 @@ void kiv::gpio::rest(gpio_item &item, pollfd &entry)
 
 int kiv::gpio::end_rests()
 {
-    std::int64_t soonest = INT_MAX;
+    int soonest = INT_MAX;
     for (std::size_t i = 1; i < g_poll_fds->count; ++i) {
         gpio_item &item = *g_poll_fds->pins[i];
         pollfd &entry = g_poll_fds->fds[i];
         if (entry.fd != -1) {
             continue;
         }
-        const clock::duration left = item.resting_until - clock::now();
-        if (left > clock::duration::zero()) {
-            soonest =
-                std::min<std::int64_t>(soonest, std::chrono::ceil<std::chrono::milliseconds>(left).count());
+        const int left_ms = kiv::poll_time(item.resting_until - clock::now());
+        if (left_ms > 0) {
+            soonest = std::min(soonest, left_ms);
         } else {
             entry.fd = item.fds[irq];
             item.resting_until = {};
             soonest = item.is_failing ? 0 : soonest; // it is read even without an event
         }
     }
-    return soonest == INT_MAX ? forever : static_cast<int>(soonest);
+    return soonest == INT_MAX ? forever : soonest;
 }

@@ -30,8 +30,8 @@ void disown_all_in_child() KIV_REQUIRES(g_own.lock)
 
 GAsyncQueue *new_queue(call_site site)
 {
-    static const int registered = hold_lock_across_forks<g_own, disown_all_in_child>();
-    static_cast<void>(KIV_HOLDS_AT(site, registered == 0));
+    const int error = hold_lock_across_forks<g_own, disown_all_in_child>();
+    static_cast<void>(KIV_HOLDS_AT(site, error == 0));
     GAsyncQueue *const queue = g_async_queue_new();
     if (g_own.is_in_use) {
         const scoped_lock lock(g_own.lock);

@@ -56,8 +56,8 @@ bool is_written(const timing_log &log)
 
 void list_open_log(timing_log &log, call_site site)
 {
-    static const int registered = hold_lock_across_forks<g_open, leave_to_parent>();
-    static_cast<void>(KIV_HOLDS_AT(site, registered == 0));
+    const int error = hold_lock_across_forks<g_open, leave_to_parent>();
+    static_cast<void>(KIV_HOLDS_AT(site, error == 0));
     const scoped_lock lock(g_open.lock);
     prepend(g_open.logs, log, log.link);
 }

@@ -49,8 +49,14 @@ void free_lock_in_child() noexcept
 
 int32_t create_lock(const char *)
 {
-    static const int registered = pthread_atfork(nullptr, nullptr, free_lock_in_child);
-    return registered != 0 ? registered : pthread_mutex_init(&g_kiv.lock, nullptr);
+    static bool is_registered = false; // once in the life of the process
+    if (!is_registered) {
+        if (const int error = pthread_atfork(nullptr, nullptr, free_lock_in_child); error != 0) {
+            return error;
+        }
+        is_registered = true;
+    }
+    return pthread_mutex_init(&g_kiv.lock, nullptr);
 }
 
 int32_t read_config_name(const char *)

@@ -112,7 +112,7 @@ void report(reporting_worker &worker, step where, const char *what, int error)
 
 void read_back(reporting_worker &worker, FILE *file)
 {
-    std::rewind(file);
+    std::fseek(file, 0, SEEK_SET);
     const std::size_t read = count_bytes(file);
     if (std::ferror(file) != 0) {
         report(worker, read_step, "read", errno);

@@ -2,19 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
 
 #include "board_connection.h"
 #include "control_server.h"
-#include "run.h"
 #include "support/eventually.h"
 #include "support/forked.h"
 #include "support/scratch.h"
@@ -177,18 +174,4 @@ TEST_F(BoardControl, CommandsPrintSafelyAndDoNotWaitForADeadBoard)
     EXPECT_EQ(ask([](int client) { shutdown(client, SHUT_RD); }), "1kivboard: the board has gone\n");
 }
 
-TEST_F(BoardControl, ABoardThatCannotWatchItsCommandDoesNotStartIt)
-{
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(kivboard::run({"Conf/kiv_board.xml", path_, {}, {}, {"true"}}), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kivboard: can't start the board: Too many open files\n");
-}
-
 } // namespace
-
-extern "C" int __wrap_signalfd(int, const sigset_t *, int)
-{
-    errno = EMFILE;
-    return -1;
-}

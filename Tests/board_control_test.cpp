@@ -1,6 +1,8 @@
 // The control socket of the virtual board: which files it takes for its own, and how it treats its clients.
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,6 +11,7 @@
 
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "board_connection.h"
 #include "control_server.h"
@@ -172,6 +175,31 @@ TEST_F(BoardControl, CommandsPrintSafelyAndDoNotWaitForADeadBoard)
     };
     EXPECT_EQ(ask([](int client) { send(client, "ok 7\n1\x1b[2J\xc2\n", 12, 0); }), "01\\x1b[2J\\xc2\n");
     EXPECT_EQ(ask([](int client) { shutdown(client, SHUT_RD); }), "1kivboard: the board has gone\n");
+}
+
+// Sends the last byte alone, when the client has taken the others.
+void answer_in_pieces(int client, const std::string &answer)
+{
+    EXPECT_GT(send(client, answer.data(), answer.size() - 1, 0), 0);
+    EXPECT_TRUE(zol_test::eventually([client] {
+        int untaken = 0;
+        return ioctl(client, SIOCOUTQ, &untaken) == 0 && untaken == 0;
+    }));
+    send(client, &answer.back(), 1, MSG_NOSIGNAL);
+}
+
+TEST_F(BoardControl, CommandsTakeAnswersThatArriveInPieces)
+{
+    const kiv::unique_fd board = foreign(SOCK_STREAM);
+    for (const bool is_printed : {true, false}) {
+        kivboard::board_connection connection(path_);
+        const kiv::unique_fd client(accept(board.get(), nullptr, nullptr));
+        const std::jthread answering(answer_in_pieces, client.get(), "ok 4\n123\n");
+        testing::internal::CaptureStdout();
+        const std::string text = is_printed ? "" : connection.exchange("level 5").value().text;
+        EXPECT_EQ(is_printed ? connection.ask("level 5") : 0, 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout() + text, "123\n");
+    }
 }
 
 } // namespace

@@ -46,7 +46,8 @@ char *put(char *at, std::string_view text) noexcept
 
 char *put_blanks(char *at, std::size_t count) noexcept
 {
-    return count > 0 ? std::fill_n(at, count, ' ') : at;
+    std::memset(at, ' ', count);
+    return at + count;
 }
 
 char *put_string(char *at, field as, std::string_view text) noexcept

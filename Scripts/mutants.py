@@ -3,7 +3,7 @@
 
 Each fault ("mutant") is built in a copy of the tree, and the suite runs on it: first the tests that detected earlier mutants
 of the same folder, in earlier runs too, then all others. A mutant that no test detects points to a gap; a mutant that many
-tests detect points to overlap.
+tests detect points to overlap. A mutant that compiles to the same instructions is none, and is replaced by another.
 """
 
 import argparse
@@ -13,6 +13,7 @@ import os
 import pathlib
 import random
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -123,6 +124,17 @@ def builds(preset):
     return run(["cmake", "--build", "--preset", preset]).returncode == 0
 
 
+def instructions(preset, path):
+    """The optimised instructions of a source file; None for a header."""
+    database = COPY / "tree" / "build" / preset / "compile_commands.json"
+    for entry in json.loads(database.read_text()):
+        if entry["file"] == str(COPY / "tree" / path):
+            command = shlex.split(entry["command"])
+            command[command.index("-o") + 1] = "-"
+            return run(command + ["-O2", "-g0", "-S"]).stdout
+    return None
+
+
 def failing_tests(preset, options, only_first, chosen=None):
     """The names of the tests that fail, of all or of the chosen ones. A hanging test fails by its time limit."""
     report = COPY / "report.xml"
@@ -144,13 +156,16 @@ def noticed_by_tests(preset, likely, options):
 
 
 def detecting_tests(mutant, likely, options):
-    """The tests that detect a mutant, or None when it does not compile."""
+    """The tests that detect a mutant, or None when it does not compile, or to the same instructions."""
     target = COPY / "tree" / mutant.path
     original = target.read_text()
     lines = original.splitlines(keepends=True)
     lines[mutant.line] = mutant.after + "\n"
+    former = instructions(options.presets[0], mutant.path)
     target.write_text("".join(lines))
     try:
+        if former is not None and instructions(options.presets[0], mutant.path) == former:
+            return None
         for preset in options.presets:
             if not builds(preset):
                 return None

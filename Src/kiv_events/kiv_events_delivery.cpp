@@ -105,7 +105,7 @@ ssize_t write_uncancelled(kiv_event_item &item, const uint8_t *data, std::size_t
 }
 
 // Resumes after EINTR and after a short write. Nobody reads the rest of a record whose event is deleted.
-// @return The result of the last write().
+// @return The result of the last write(), or 0 for a record that is not whole because of a deletion.
 ssize_t write_record(kiv_event_item &item, uint32_t total) noexcept
 {
     const uint8_t *const record = item.p_data.load(std::memory_order_relaxed);
@@ -122,7 +122,7 @@ ssize_t write_record(kiv_event_item &item, uint32_t total) noexcept
     if (may_block_halfway) {
         item.is_writing.store(false, std::memory_order_release);
     }
-    return result;
+    return result > 0 && written < total ? 0 : result;
 }
 
 // @return True when the event was deleted before its last record was read. If bytes of it are in the pipe, more

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/fault_sweep.h"
+#include "support/forked.h"
 #include "support/log_capture.h"
 #include "support/own_events.h"
 #include "zol/kiv_debug.h"
@@ -163,6 +164,9 @@ TEST_F(EventDelivery, LongRecordsSurviveTimeouts)
         std::future<int32_t> sent = notify_held(door, payload, pages_before);
         EXPECT_EQ(wait_for("door", 1 << 20, 20'000), nothing);
         EXPECT_EQ(bytes_in("door"), 0) << "the part that has come is kept";
+        EXPECT_TRUE(zol_test::holds_in_child([door] {
+            return notify(door, "own") == KIV_OK && wait_for("door") == delivered("own");
+        })) << "neither the lock nor the part is the child's";
         auto patient = std::async(std::launch::async, [] { return wait_for("door", 1 << 20); });
         EXPECT_EQ(wait_for("door", 1 << 20, 20'000), nothing) << "beside a patient waiter";
         EXPECT_EQ(notify(gate, "short"), KIV_OK);
@@ -182,6 +186,18 @@ TEST_F(EventDelivery, LongRecordsSurviveTimeouts)
         sent.wait();
     });
     EXPECT_EQ(wait_for("door", 4089), delivered(pattern(4089)));
+
+    std::future<int32_t> lost = notify_held(door, pattern(1 << 20), 0);
+    EXPECT_EQ(wait_for("door", 1 << 20, 20'000), nothing);
+    events_.remove(door);
+    g_hold = false;
+    EXPECT_EQ(lost.get(), KIV_ERR_INVALID_PARAM);
+    for (int i = 0; i < 1030; ++i) { // by then all records are used again
+        kiv_event_item *const next = events_.create("next");
+        EXPECT_EQ(notify(next, "x"), KIV_OK);
+        EXPECT_EQ(wait_for("next"), delivered("x"));
+        events_.remove(next);
+    }
 }
 
 TEST_F(EventDelivery, ReportsLongRecordsLostForWantOfMemory)
@@ -255,8 +271,9 @@ TEST_F(EventDelivery, DeletionEndsTheCallsInProgress)
     EXPECT_TRUE(eventually([] { return bytes_in("full") == pipe_capacity; }));
     calls.push_back(notify_aside(full, "behind it"));
     for (const int32_t limit : {zol_test::no_limit, 60'000'000}) {
-        calls.push_back(
-            std::async(std::launch::async, [limit] { return wait_for("idle", 64, limit).status; }));
+        calls.push_back(std::async(std::launch::async, [limit] {
+            return wait_for_any({"idle", "idle"}, 64, limit)[0].status; // which reports it once
+        }));
     }
     std::this_thread::sleep_for(milliseconds(20)); // the calls have begun by now
     EXPECT_EQ(kiv_events_set_enable_event(full, 2), KIV_OK) << "the blocked notifier blocks nothing else";
@@ -287,6 +304,34 @@ TEST_F(EventDelivery, DeletionEndsTheCallsInProgress)
     EXPECT_EQ(zol_test::entries_of("/proc/self/fd"), before) << "their pipes are closed";
 }
 
+TEST_F(EventDelivery, DeliveriesOutweighDeletions)
+{
+    interrupt_calls();
+    for (const auto &[names, reports] :
+         {std::pair{strings{"door", "gate"}, 1U}, {{"gate", "door"}, 0U}, {{"door", "door", "gate"}, 1U}}) {
+        kiv_event_item *const door = events_.create("door");
+        kiv_event_item *const gate = events_.create("gate");
+        log_capture log;
+        std::atomic<pthread_t> thread{};
+        auto waited = std::async(std::launch::async, [&thread, &names = names] {
+            thread = pthread_self();
+            return wait_for_any(names, 64);
+        });
+        std::this_thread::sleep_for(milliseconds(20)); // it is blocked by now
+        g_hold = true;
+        const int before = g_interrupts;
+        pthread_kill(thread, SIGUSR1);
+        EXPECT_TRUE(eventually([before] { return g_interrupts > before; }));
+        events_.remove(door);
+        EXPECT_EQ(notify(gate, "open"), KIV_OK);
+        g_hold = false;
+        const deliveries got = waited.get();
+        EXPECT_EQ(std::count(got.begin(), got.end(), delivered("open")), 1);
+        EXPECT_EQ(log.count("ERRR", "Event door was deleted during the call"), reports);
+        events_.remove(gate);
+    }
+}
+
 TEST_F(EventDelivery, CancelledThreadsLeaveTheEventUsable)
 {
     const long before = zol_test::entries_of("/proc/self/fd");
@@ -310,6 +355,19 @@ TEST_F(EventDelivery, CancelledThreadsLeaveTheEventUsable)
     EXPECT_EQ(notify(door, "next"), KIV_OK);
     EXPECT_EQ(wait_for("door"), delivered("next"));
     events_.remove(door);
+    static std::atomic<bool> is_whole{false};
+    kiv_event_item *const seen =
+        events_.create("seen", [](void *, const void *, uint32_t, uint32_t) -> int32_t {
+            pthread_testcancel();
+            is_whole = true;
+            return 0;
+        });
+    std::jthread([seen] {
+        pthread_cancel(pthread_self());
+        notify(seen, "x");
+    }).join();
+    EXPECT_TRUE(is_whole) << "the callback";
+    events_.remove(seen);
     EXPECT_EQ(zol_test::entries_of("/proc/self/fd"), before);
 }
 
@@ -318,7 +376,9 @@ TEST_F(EventDelivery, ForkedChildrenAnswerAtOnce)
     kiv_event_item *const door = events_.create("door");
     const std::jthread waiter = repeat([] { wait_for("door", 100'000, 1000); }); // to the end
     const std::jthread creator = repeat([] { zol_test::own_events().create("others"); });
-    const std::jthread notifier = repeat([door] { notify(door, pattern(100'000)); });
+    std::atomic<int> failed{0};
+    const std::jthread notifier =
+        repeat([door, &failed] { failed += notify(door, pattern(100'000)) == KIV_OK ? 0 : 1; });
     for (int round = 0; round < 100; ++round) {
         const pid_t child = fork();
         if (child == 0) {
@@ -334,6 +394,7 @@ TEST_F(EventDelivery, ForkedChildrenAnswerAtOnce)
         EXPECT_EQ(waitpid(child, &status, 0), child);
         EXPECT_EQ(status, 0) << "14 is the alarm";
     }
+    EXPECT_EQ(failed, 0) << "the children have left the pipe alone";
 }
 
 // Signals interrupt all of it. One waiter has the first event for itself. Two others race for the records of the

@@ -3,17 +3,21 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <deque>
+#include <future>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/unique_fd.h"
 #include "support/fault_sweep.h"
+#include "support/forked.h"
 #include "support/log_capture.h"
 #include "support/own_events.h"
 #include "zol/kiv_debug.h"
@@ -100,11 +104,28 @@ void expect_refused(const std::string &kind, const void *handle, const char *wor
     EXPECT_EQ(log.count("ERRR", "Invalid event " + kind + " handle"), results.size());
 }
 
+int32_t refuse_to_be_called(void * /*container*/, const void * /*payload*/, uint32_t size, uint32_t)
+{
+    ADD_FAILURE() << "called with " << size << " bytes";
+    return 0;
+}
+
+// Nothing of the event that had the record before is left.
+bool is_like_new(kiv_event_group *group)
+{
+    kiv_event_item *item = nullptr;
+    const bool is_new = kiv_events_create_event("reused", nullptr, group, &item) == KIV_OK &&
+                        notify(item, "dropped") == KIV_OK && bytes_in("reused") == 0 &&
+                        kiv_events_set_enable_event(item, 1) == KIV_OK && notify(item, "x") == KIV_OK &&
+                        wait_for("reused") == delivered("x");
+    return kiv_events_delete_event(item) == KIV_OK && is_new;
+}
+
 TEST(EventRegistry, RejectsInvalidHandles)
 {
     own_events events;
     kiv_event_item *const item = events.create("door");
-    kiv_event_item *const stale_item = events.create("stale");
+    kiv_event_item *const stale_item = events.create("stale", refuse_to_be_called);
     events.remove(stale_item);
     const auto create_and_remove = [&events](int times) {
         for (int i = 0; i < times; ++i) {
@@ -113,7 +134,14 @@ TEST(EventRegistry, RejectsInvalidHandles)
     };
     create_and_remove(1023);
     events.create("newer"); // must not have the stale handle yet
-    const void *const stale_group = own_events().group();
+    const auto create_and_remove_groups = [](int times) {
+        const void *group = nullptr;
+        for (int i = 0; i < times; ++i) {
+            group = own_events().group();
+        }
+        return group;
+    };
+    const void *const stale_group = create_and_remove_groups(1);
     const uint32_t forged_item[256] = {0x5A5A0002};
     void *const unreadable = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(unreadable, MAP_FAILED);
@@ -133,8 +161,30 @@ TEST(EventRegistry, RejectsInvalidHandles)
     munmap(unreadable, 4096);
 
     create_and_remove(1); // from now on memory is used again
+    create_and_remove_groups(1025);
     const long before = zol_test::allocations();
     create_and_remove(1024);
+    create_and_remove_groups(1024);
+    EXPECT_TRUE(zol_test::holds_in_child([&events] {
+        kiv_event_item *const own = events.create("own"); // in a record from before the fork
+        auto waited = std::async(std::launch::async, [] { return wait_for("own").status; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it is blocked by now
+        events.remove(own);
+        bool are_new = waited.get() == KIV_ERR_INVALID_PARAM;
+        for (int i = 0; i < 1030; ++i) { // all records
+            are_new &= is_like_new(events.group());
+        }
+        return are_new;
+    }));
+    rlimit descriptors = {};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &descriptors), 0);
+    const rlimit none = {0, descriptors.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    for (int i = 0; i < 2; ++i) {
+        kiv_event_item *item_without_pipe = nullptr;
+        EXPECT_EQ(kiv_events_create_event("x", nullptr, events.group(), &item_without_pipe), KIV_ERR_SYSTEM);
+    }
+    setrlimit(RLIMIT_NOFILE, &descriptors);
     EXPECT_EQ(zol_test::allocations(), before);
 }
 
@@ -161,6 +211,7 @@ TEST(EventRegistry, RejectsBadArgumentsAndStates)
     refused(kiv_events_create_event("x", nullptr, events.group(), nullptr),
             "Nowhere to put the handle of event x");
     refused(kiv_events_delete_group(events.group()), "Event group 0x", KIV_ERR_STATE);
+    EXPECT_TRUE(log.texts("ERRR").back().ends_with("(own) still has events"));
     refused(kiv_events_delete_event_by_name(nullptr), "Invalid event item handle");
     refused(kiv_events_notify(door, nullptr, 1, 0), "Null payload of 1 bytes");
     refused(kiv_events_notify(door, text, UINT32_MAX - 7, 0), "Too long a payload of 4294967288 bytes");
@@ -180,6 +231,9 @@ TEST(EventRegistry, RejectsBadArgumentsAndStates)
     EXPECT_EQ(kiv_events_set_simulator_mode(1), KIV_OK);
     EXPECT_EQ(kiv_events_deinit(), KIV_OK);
     EXPECT_EQ(wait_for("door").payload, "kept");
+    const long before = zol_test::entries_of("/proc/self/fd");
+    events.remove(door);
+    EXPECT_EQ(zol_test::entries_of("/proc/self/fd"), before - 2) << "a refused wait does not hold on to it";
 }
 
 std::string record_of(uint32_t magic, uint32_t size, const std::string &payload)
@@ -214,6 +268,8 @@ TEST(EventRecords, WritesRecordsByteForByte)
     EXPECT_TRUE(log.has("INF1", "Allocating 60008 bytes (prev container sz 28 bytes)")) << "and no other";
     EXPECT_TRUE(log.has("INF1", "event door, fd " + std::to_string(fd)));
 }
+
+constexpr const char *array_new = sizeof(std::size_t) == 8 ? "_ZnamRKSt9nothrow_t" : "_ZnajRKSt9nothrow_t";
 
 struct {
     kiv_event_item *item;
@@ -267,6 +323,8 @@ TEST(EventRecords, RecoversFromForeignBytes)
     const kiv::unique_fd writer(open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_WRONLY | O_CLOEXEC));
     constexpr uint32_t magic = 0xDEADBEEF;
     const std::string assertion = "ASSERT FAILED [Src/kiv_events][";
+    EXPECT_EQ(notify(door, pattern(5000)), KIV_OK); // from here on none is being written
+    EXPECT_EQ(wait_for("door", 5000), delivered(pattern(5000)));
     const std::string nothing_left = " bytes from fd (" + std::to_string(fd) + "), ret=-1, errno 11";
     const std::string much = pattern(1000);
     const delivery torn = {KIV_OK, 0, ""};
@@ -275,17 +333,52 @@ TEST(EventRecords, RecoversFromForeignBytes)
         delivery outcome;
     } cases[] = {{record_of(1, 5, "hello"), assertion, delivered("hello")},
                  {record_of(1, UINT32_MAX, much), assertion, delivered(much.substr(0, 64))},
+                 {record_of(1, 0, ""), assertion, delivered("")},
+                 {record_of(1, 5, ""), assertion, torn},
                  {"abc", "Failed reading message header - 8" + nothing_left, torn},
                  {record_of(magic, 10, "four"), "Failed reading 10" + nothing_left, torn},
                  {record_of(magic, UINT32_MAX, "four"), "Failed reading -1" + nothing_left, torn}};
     for (const auto &[bytes, error, outcome] : cases) {
         log_capture log;
         ASSERT_EQ(write(writer.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        EXPECT_EQ(wait_for("door"), outcome);
+        EXPECT_EQ(wait_for("door", 64, 10'000'000), outcome);
         EXPECT_TRUE(log.texts("ERRR").at(0).starts_with(error)) << log.texts("ERRR")[0];
         EXPECT_EQ(notify(door, "next"), KIV_OK);
         EXPECT_EQ(wait_for("door"), delivered("next"));
     }
+    const auto take = [door, &torn]() -> std::string {
+        const log_capture log;
+        EXPECT_EQ(notify(door, "whole"), KIV_OK);
+        delivery taken = wait_for("door");
+        if (!zol_test::failed_call().empty() && taken == torn) {
+            taken = wait_for("door", 64, 10'000'000);
+        }
+        return taken == delivered("whole") ? "" : "an error of the system has lost a record";
+    };
+    const zol_test::sweep_result result = zol_test::sweep_faults(take, "read");
+    EXPECT_EQ(result.complaints, "");
+    EXPECT_EQ(result.failures, 2) << "the header and the payload";
+}
+
+TEST(EventRecords, NotifiesAgainWhenThereIsMemoryAgain)
+{
+    own_events events;
+    const auto grow = [&events]() -> std::string {
+        const log_capture log;
+        kiv_event_item *const door = events.create("door");
+        int refused = 0;
+        bool is_whole = true;
+        for (const uint32_t size : {20'000U, 30'000U, 1U, 30'000U}) {
+            const int32_t status = notify(door, pattern(size));
+            refused += status == KIV_ERR_NO_MEMORY ? 1 : 0;
+            is_whole &= status != KIV_OK || wait_for("door", size) == delivered(pattern(size));
+        }
+        events.remove(door);
+        return is_whole && refused <= 1 ? "" : "a later record is not whole";
+    };
+    const zol_test::sweep_result result = zol_test::sweep_faults(grow, array_new);
+    EXPECT_EQ(result.complaints, "");
+    EXPECT_EQ(result.failures, 4) << "the container and the room of the waiter, twice each";
 }
 
 // From the creation of a group to its deletion, with one event more than a wait has room for without memory.

@@ -3,16 +3,20 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <iterator>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "common/tsan.h"
 #include "support/eventually.h"
 #include "support/fault_sweep.h"
 #include "support/forked.h"
@@ -68,6 +72,7 @@ protected:
     void create(int32_t timeout = -1)
     {
         const kiv_thread_params params = {"a worker's name, too long for a thread", 1, note, timeout, this};
+        std::memset(&worker_, 0xA5, sizeof worker_); // as an object on a stack may be
         ASSERT_EQ(kiv_thread_create(&worker_, &params), KIV_OK);
     }
 
@@ -177,12 +182,14 @@ TEST_F(Worker, RejectsInvalidParameters)
     EXPECT_EQ(reasons, std::vector<std::string>(std::begin(refusals), std::end(refusals)));
     EXPECT_EQ(send(data_message), KIV_OK) << "never started: freed by the delete";
     EXPECT_EQ(kiv_thread_stop(&worker_), KIV_ERR_STATE);
+    EXPECT_TRUE(kiv_thread_isRunning(&worker_) == 0 && kiv_thread_isRunning(nullptr) == 0);
     EXPECT_TRUE(kiv_thread_delete(&other) == KIV_OK && kiv_thread_delete(nullptr) == KIV_OK);
 }
 
 TEST_F(Worker, HandlesInOrderAndStopsLast)
 {
     create();
+    EXPECT_EQ(kiv_thread_join(&worker_), KIV_ERR_STATE) << "nobody to join";
     EXPECT_EQ(send(11), KIV_OK) << "before the start: kept";
     EXPECT_EQ(send(12, true), KIV_ERR_STATE) << "nobody to wait for";
     ASSERT_EQ(kiv_thread_start(&worker_), KIV_OK);
@@ -252,6 +259,9 @@ TEST_F(Worker, RefusesItsOwnHandler)
                  {kiv_thread_sendMsg(thread, &again), kiv_thread_stop(thread), kiv_thread_join(thread)}) {
                 refused += status == KIV_ERR_STATE && again.pBarrier == nullptr ? 1 : 0;
             }
+            __atomic_store_n(&thread->running, 0,
+                             __ATOMIC_RELEASE); // ends it; a start would make a second one
+            refused += kiv_thread_start(thread) == KIV_ERR_STATE ? 1 : 0;
         }
         return 0;
     };
@@ -259,7 +269,7 @@ TEST_F(Worker, RefusesItsOwnHandler)
     EXPECT_TRUE(worker_.name == std::string(63, 'n') && worker_.timeout == 3'000'000 &&
                 worker_.priority == 1);
     EXPECT_EQ(send(data_message, true), KIV_OK);
-    EXPECT_EQ(refused, 3);
+    EXPECT_EQ(refused, 4);
 }
 
 TEST_F(Worker, StartsAgainAfterEveryEnd)
@@ -312,12 +322,38 @@ TEST_F(Worker, AnswersAtOnceInAForkedChild)
         const int answers[] = {send(data_message), send(data_message, true), kiv_thread_stop(&worker_),
                                kiv_thread_join(&worker_), kiv_thread_start(&worker_)};
         const bool refused = std::ranges::count(answers, KIV_ERR_STATE) == std::ssize(answers);
-        const bool deleted = kiv_thread_isRunning(&worker_) == 0 && kiv_thread_delete(&worker_) == KIV_OK;
+        const bool deleted = kiv_thread_isRunning(&worker_) == 0 && kiv_thread_delete(&worker_) == KIV_OK &&
+                             worker_.running == 0 && worker_.gthread == nullptr;
         create(); // a queue of the child's own
-        return refused && deleted && send(data_message) == KIV_OK && kiv_thread_delete(&worker_) == KIV_OK;
+        const bool disowned =
+            zol_test::holds_in_child([this] { return send(data_message) == KIV_ERR_STATE; });
+        return refused && deleted && disowned && send(data_message) == KIV_OK &&
+               kiv_thread_delete(&worker_) == KIV_OK;
     }));
     g_async_queue_unlock(worker_.msgQueue);
     EXPECT_EQ(send(data_message, true), KIV_OK) << "the parent's goes on";
+}
+
+// The child's only thread is its copy of the worker, which must neither answer the sender nor serve the queue.
+TEST_F(Worker, EndsInAChildThatItsHandlerForks)
+{
+    static int status = -1;
+    const kiv_thread_handler fork_once = [](kiv_thread * /*thread*/, kiv_message *msg) -> int32_t {
+        const pid_t child = msg->msgId == data_message ? fork() : 1;
+        if (child == 0) {
+            alarm(10);
+#if defined(KIV_TSAN) || defined(__SANITIZE_ADDRESS__)
+            _exit(0); // the sanitizer would complain of what the parent's other threads left
+#endif
+        } else if (child > 1) {
+            waitpid(child, &status, 0);
+        }
+        return 0; // which ends the child
+    };
+    ASSERT_EQ(kiv_thread_create_default(&worker_, "forks", fork_once, nullptr), KIV_OK);
+    EXPECT_EQ(send(data_message, true), KIV_OK);
+    EXPECT_EQ(status, 0) << "14 is the alarm";
+    EXPECT_EQ(kiv_thread_stop(&worker_), KIV_OK) << "the parent's goes on";
 }
 
 TEST_F(Worker, KeepsItsQueueWhenDeletedWhileRunning)
@@ -379,13 +415,25 @@ TEST_F(Worker, ReportsEveryFailure)
         const bool sent = made && send(data_message, true) == KIV_OK;
         const bool stopped = made && kiv_thread_stop(&worker_) == KIV_OK;
         const bool failed = !zol_test::failed_call().empty();
+        const bool is_deleted = made || worker_.msgQueue == nullptr;
         while (worker_.gthread != nullptr) {
             kiv_thread_stop(&worker_); // the second try has memory
         }
         kiv_thread_delete(&worker_);
-        return failed != (made && sent && stopped) && failed != log.texts("ERRR").empty();
+        return failed != (made && sent && stopped) && failed != log.texts("ERRR").empty() && is_deleted;
     });
     EXPECT_GE(failures, 6) << "the thread, its time-out message, the message, two barriers, the last message";
+    const auto start = [this]() -> std::string {
+        create();
+        const bool started = kiv_thread_start(&worker_) == KIV_OK;
+        const int32_t sent = send(data_message, true); // would wait for ever
+        started ? kiv_thread_stop(&worker_) : 0;
+        kiv_thread_delete(&worker_);
+        return started == zol_test::failed_call().empty() && sent == (started ? KIV_OK : KIV_ERR_STATE)
+                   ? ""
+                   : "a message without a worker";
+    };
+    EXPECT_EQ(zol_test::sweep_faults(start, "g_thread_try_new").complaints, "");
 }
 
 } // namespace

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/tsan.h"
 #include "support/debug_level.h"
+#include "support/eventually.h"
 #include "support/fake_host.h"
 #include "support/fault_sweep.h"
 #include "support/forked.h"
@@ -54,6 +57,9 @@ TEST_F(Lifecycle, StartsAndStopsAgain)
             << "the second start does nothing";
         EXPECT_TRUE(log.texts("ERRR").empty());
     }
+    log_capture log;
+    EXPECT_EQ(zol_init((file_ + "/below").c_str()), KIV_ERR_INVALID_PARAM);
+    EXPECT_TRUE(log.has("PRNT", "initialize kiv - configName[]")) << "the name of no earlier start";
 }
 
 TEST_F(Lifecycle, FreesTheLockInAForkedChildUnlessItsThreadHoldsIt)
@@ -73,6 +79,23 @@ TEST_F(Lifecycle, FreesTheLockInAForkedChildUnlessItsThreadHoldsIt)
         return true;
     }));
     kiv_unlock();
+    std::atomic<bool> is_locked{false};
+    std::thread other([&is_locked] {
+        kiv_lock();
+        is_locked = true;
+        while (is_locked) {
+            std::this_thread::yield();
+        }
+        kiv_unlock();
+    });
+    EXPECT_TRUE(zol_test::eventually([&is_locked] { return is_locked.load(); }));
+    EXPECT_TRUE(zol_test::holds_in_child([] {
+        kiv_lock();
+        kiv_unlock();
+        return true;
+    })) << "this thread has given it back";
+    is_locked = false;
+    other.join();
     EXPECT_EQ(zol_deinit(), KIV_OK);
 }
 
@@ -152,6 +175,12 @@ TEST(Services, WaitsUntilTheSignalOrTheDeadline)
         }
     }
     pthread_mutex_unlock(&mutex);
+#if !defined(KIV_TSAN) // reports the mutex that is not held
+    pthread_mutex_t checked = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+    EXPECT_EQ(kiv_cond_timedwait(&cond, &checked, 1000), KIV_ERR_SYSTEM);
+    EXPECT_EQ(kiv_cond_timedwait(&cond, &checked, -1), KIV_OK);
+    EXPECT_EQ(log.texts("ERRR"), (strings{"pthread_cond_timedwait = 1", "failed pthread_cond_wait = 1"}));
+#endif
     EXPECT_EQ(kiv_cond_timedwait(nullptr, &mutex, -1), KIV_ERR_INVALID_PARAM);
     EXPECT_EQ(kiv_cond_timedwait(&cond, nullptr, 5), KIV_ERR_INVALID_PARAM);
 }

@@ -1,6 +1,7 @@
 #include "zol/kiv_config.h"
 
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xmlmemory.h>
 
@@ -58,14 +59,23 @@ TEST_F(Config, LooksUpDepthFirstAndBehindTheSection)
         1);
     const struct {
         const char *section, *param, *value;
-    } cases[] = {{"general", "a", "1st"},          {"general", "b", "deep"},
-                 {"general", "empty", ""},         {"general", "cdata", "<raw>"},
-                 {"general", "comment", "note"},   {"general", "element", "not found"},
-                 {"general", "mixed", "text"},     {"general", "late", "later section"},
-                 {"general", "A", "not found"},    {"general", "nowhere", "not found"},
-                 {"after", "c", "behind devices"}, {"after", "no:prefix", "undeclared"},
-                 {"before", "late", "not found"},  {"general", "general", "not found"},
-                 {"devices", "a", "1st"}};
+    } cases[] = {{"general", "a", "1st"},
+                 {"general", "b", "deep"},
+                 {"general", "empty", ""},
+                 {"general", "cdata", "<raw>"},
+                 {"general", "comment", "note"},
+                 {"general", "element", "not found"},
+                 {"general", "mixed", "text"},
+                 {"general", "late", "later section"},
+                 {"general", "A", "not found"},
+                 {"general", "nowhere", "not found"},
+                 {"after", "c", "behind devices"},
+                 {"after", "no:prefix", "undeclared"},
+                 {"before", "late", "not found"},
+                 {"general", "general", "not found"},
+                 {"devices", "a", "1st"},
+                 {"general", "i", "more"},
+                 {"after", "text", ""}};
     for (const auto &[section, param, value] : cases) {
         EXPECT_EQ(text(param, section), value) << section << "." << param;
     }
@@ -143,6 +153,7 @@ TEST_F(Config, ReadsNumbersInThreeWays)
     EXPECT_TRUE(value == 12 && second == 3U);
     EXPECT_EQ(kiv_config_sscanf("general", "", "empty", "%d", &value), -1);
     EXPECT_EQ(kiv_config_sscanf("general", "", "missing", "%d", &value), 0);
+    EXPECT_EQ(kiv_config_sscanf("general", "", "hw", nullptr), 0);
 }
 
 TEST_F(Config, TellsErrorsFromWarnings)
@@ -156,6 +167,13 @@ TEST_F(Config, TellsErrorsFromWarnings)
     EXPECT_NE(log.texts("ERRR").at(0).find("Opening and ending tag mismatch"), std::string::npos);
     kiv_config_deinit();
     EXPECT_EQ(kiv_config_init(nullptr), -1);
+    int own_errors = 0;
+    xmlSetStructuredErrorFunc(&own_errors, [](void *count, auto *) { ++*static_cast<int *>(count); });
+    EXPECT_EQ(load("<no end"), 0);
+    EXPECT_EQ(own_errors, 0);
+    xmlFreeDoc(xmlReadMemory("<no end", 7, nullptr, nullptr, 0));
+    EXPECT_GT(own_errors, 0) << "the application's handler is back";
+    xmlSetStructuredErrorFunc(nullptr, nullptr);
 }
 
 TEST_F(Config, RunsTheChooserWhenTheFileIsMissing)
@@ -184,6 +202,9 @@ TEST_F(Config, RunsTheChooserWhenTheFileIsMissing)
         EXPECT_EQ(log.has("ERRR", error), result < 1) << script;
         EXPECT_EQ(text("p"), result == 1 ? "chosen" : "not found");
         EXPECT_EQ(log.has("PRNT", "reading file " + good), result == 1);
+        EXPECT_EQ(kiv_config_init(good.c_str()), 1);
+        EXPECT_EQ(text("p"), result != 0 ? "chosen" : "not found")
+            << "a file that does not load ends the search";
         kiv_config_deinit();
     }
 }
@@ -267,6 +288,14 @@ TEST(Xml, ReportsTheReasonForANullDocument)
     _xmlDoc *const rootless = kiv_xml_allocate("<!-- -->", 8);
     EXPECT_EQ(kiv_xml_scanElementContent(rootless, "a", " "), KIV_ERR_INVALID_PARAM);
     EXPECT_TRUE(log.has("ERRR", "no element a: no root element"));
+    _xmlDoc *const good = kiv_xml_allocate("<a b='1'/>", 10);
+    int value = 77;
+    EXPECT_EQ(kiv_xml_scanElementContent(good, "a", nullptr), KIV_ERR_INVALID_PARAM);
+    EXPECT_EQ(kiv_xml_scanAttribute(good, "a", "b", nullptr), KIV_ERR_INVALID_PARAM);
+    EXPECT_EQ(kiv_xml_scanAttribute(good, "a", nullptr, "%d", &value), KIV_ERR_INVALID_PARAM);
+    EXPECT_EQ(kiv_xml_scanAttribute(nullptr, "a", "b", "%d", &value), KIV_ERR_INVALID_PARAM);
+    EXPECT_EQ(value, 77);
+    kiv_xml_delete(good);
     kiv_xml_delete(rootless);
     kiv_xml_delete(nullptr);
 }

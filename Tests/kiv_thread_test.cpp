@@ -358,13 +358,19 @@ TEST_F(Worker, EndsInAChildThatItsHandlerForks)
 
 TEST_F(Worker, KeepsItsQueueWhenDeletedWhileRunning)
 {
+    held_ = true;
     run(1000);
+    EXPECT_EQ(send(data_message), KIV_OK) << "holds the worker";
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // most likely it has it by then
+    EXPECT_EQ(send(data_message), KIV_OK);
     EXPECT_EQ(kiv_thread_delete(&worker_), KIV_OK);
+    held_ = false;
     EXPECT_TRUE(log_.has(
         "ERRR", "thread (a worker's name, too long for a thread): deleted while it counts as running"));
     wait_for_timeouts(3);
     __atomic_store_n(&worker_.running, 0, __ATOMIC_RELEASE);
     EXPECT_EQ(kiv_thread_join(&worker_), KIV_OK);
+    EXPECT_EQ(handled_, (ids{data_message, data_message})) << "what was queued is handled";
 }
 
 TEST_F(Worker, KeepsTheOrderOfEachSender)

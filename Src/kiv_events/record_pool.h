@@ -125,7 +125,6 @@ public:
 
     void give_back(Record &record) noexcept
     {
-        record.next_free = nullptr;
         (free_count_++ == 0 ? oldest_free_ : newest_free_->next_free) = &record;
         newest_free_ = &record;
     }
@@ -139,7 +138,7 @@ public:
 
 private:
     address_set addresses_;
-    Record *oldest_free_ = nullptr; // the others follow by next_free
+    Record *oldest_free_ = nullptr; // the others follow by next_free, up to the newest
     Record *newest_free_ = nullptr;
     std::size_t free_count_ = 0;
 };

@@ -67,7 +67,7 @@ struct inbox {
 struct kiv_event_group {
     std::atomic<uint32_t> signature{kiv::dead_signature};
     char pname[kiv::name_size];
-    GList *items; // the newest first
+    GList *items; // the newest first; null before and behind a group's life
 
     uint64_t serial; // grows from group to group
     GList place;     // in g_event_group_db

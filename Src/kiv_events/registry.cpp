@@ -214,7 +214,6 @@ kiv_event_group *kiv::register_group(const char *name)
     kiv_event_group *const group = g_groups->take();
     if (group != nullptr) {
         kiv::copy_bounded(group->pname, sizeof group->pname, name);
-        group->items = nullptr;
         group->serial = ++g_serial;
         kiv::prepend(g_event_group_db, *group, group->place);
         group->signature = group_signature;

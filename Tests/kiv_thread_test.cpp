@@ -52,6 +52,7 @@ protected:
         auto *const self = static_cast<Worker *>(thread->userData);
         if (msg->msgId == KIV_MSG_ID_TIMEOUT) {
             EXPECT_STREQ(static_cast<const char *>(std::exchange(msg->pData, nullptr)), "timeout");
+            msg->msgId = data_message; // is renewed too
             ++self->timeouts_;
             return 0;
         }
@@ -274,6 +275,7 @@ TEST_F(Worker, RefusesItsOwnHandler)
 
 TEST_F(Worker, StartsAgainAfterEveryEnd)
 {
+    g_debugLevel = KIV_DEBUG_LEVEL_ALL;
     run();
     const struct {
         int32_t id;
@@ -289,6 +291,8 @@ TEST_F(Worker, StartsAgainAfterEveryEnd)
         EXPECT_EQ(kiv_thread_start(&worker_), KIV_OK);
     }
     EXPECT_EQ(handled_.size(), 3U * 3U) << "the end, a message, the stop";
+    EXPECT_EQ(log_.count("INF2", "Joining (a worker's name, too long for a thread)"), 3U * 2U)
+        << "each has been joined";
 }
 
 TEST_F(Worker, WorksWhileOthersJoinIt)

@@ -84,6 +84,7 @@ TEST(Debug, FormatsLikePrintf)
          {300U, 310U, 380U, 420U, 425U, 430U, 512U}) { // the end of the library's own room
         const std::string text(size, 't');
         EXPECT_AS_PRINTED("%s%s%d%-50s%d\n", text.c_str(), name.c_str(), 1, "x", 2);
+        EXPECT_AS_PRINTED("%s%250d\n", text.c_str(), 3);
     }
 }
 

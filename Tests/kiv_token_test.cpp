@@ -85,6 +85,13 @@ TEST_F(Tokens, RefusesMissingTokensAndFilesWithoutBytes)
         const bool bad_name = name == nullptr || name == too_long;
         EXPECT_EQ(log.texts("ERRR").empty(), !bad_name) << "asking for a token that is missing is no error";
     }
+    log_capture log;
+    scratch_.write("HUGE", "");
+    std::filesystem::resize_file(scratch_.path() / "HUGE", 1ULL << 32U); // without blocks
+    uint32_t size = 99;
+    EXPECT_EQ(kiv_token_getSize("HUGE", &size), KIV_ERR_SYSTEM);
+    EXPECT_EQ(size, 99U);
+    EXPECT_TRUE(log.texts("ERRR").at(0).starts_with("can't tell the size of token HUGE: length "));
 }
 
 TEST_F(Tokens, LimitsPathsTo63Characters)

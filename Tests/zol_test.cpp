@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,8 +34,10 @@ protected:
 TEST_F(Lifecycle, StartsAndStopsAgain)
 {
     {
+        g_debugLevel = 2;
         log_capture log;
         EXPECT_EQ(zol_deinit(), KIV_ERR_STATE);
+        EXPECT_TRUE(log.has("PRNT", "cleaning kiv_test_util")) << "tests need no start";
         kiv_lock();
         kiv_unlock();
         EXPECT_EQ(log.count("ERRR", "the library is not initialized"), 3U);
@@ -80,12 +83,15 @@ TEST_F(Lifecycle, FreesTheLockInAForkedChildUnlessItsThreadHoldsIt)
     }));
     kiv_unlock();
     std::atomic<bool> is_locked{false};
-    std::thread other([&is_locked] {
+    std::atomic<bool> is_released{false};
+    std::thread other([&] {
         kiv_lock();
         is_locked = true;
         while (is_locked) {
             std::this_thread::yield();
         }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the stop waits by now
+        is_released = true;
         kiv_unlock();
     });
     EXPECT_TRUE(zol_test::eventually([&is_locked] { return is_locked.load(); }));
@@ -95,8 +101,9 @@ TEST_F(Lifecycle, FreesTheLockInAForkedChildUnlessItsThreadHoldsIt)
         return true;
     })) << "this thread has given it back";
     is_locked = false;
-    other.join();
     EXPECT_EQ(zol_deinit(), KIV_OK);
+    EXPECT_TRUE(is_released) << "the stop waits for the lock";
+    other.join();
 }
 
 TEST_F(Lifecycle, ReportsEveryFailedCall)

@@ -163,8 +163,9 @@ TEST_F(Config, TellsErrorsFromWarnings)
     EXPECT_EQ(load("<r xmlns='relative'><devices/></r>"), 1);
     EXPECT_TRUE(log.texts("ERRR").empty());
     EXPECT_TRUE(log.texts("INF1").at(0).starts_with("XML warning in " + file_)) << log.out();
-    EXPECT_EQ(load("<r xmlns='relative'><devices/></s>"), 1);
+    EXPECT_EQ(load("<r xmlns='relative'><devices/></s>&more;"), 1);
     EXPECT_NE(log.texts("ERRR").at(0).find("Opening and ending tag mismatch"), std::string::npos);
+    EXPECT_EQ(log.texts("ERRR").size(), 1U) << "the first is the cause of the others";
     kiv_config_deinit();
     EXPECT_EQ(kiv_config_init(nullptr), -1);
     int own_errors = 0;

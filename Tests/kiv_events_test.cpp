@@ -121,27 +121,22 @@ bool is_like_new(kiv_event_group *group)
     return kiv_events_delete_event(item) == KIV_OK && is_new;
 }
 
+void create_and_remove(own_events &events, int times)
+{
+    for (int i = 0; i < times; ++i) {
+        events.remove(events.create("next"));
+    }
+}
+
 TEST(EventRegistry, RejectsInvalidHandles)
 {
     own_events events;
     kiv_event_item *const item = events.create("door");
-    kiv_event_item *const stale_item = events.create("stale", refuse_to_be_called);
+    kiv_event_item *const stale_item = events.create("stale");
     events.remove(stale_item);
-    const auto create_and_remove = [&events](int times) {
-        for (int i = 0; i < times; ++i) {
-            events.remove(events.create("next"));
-        }
-    };
-    create_and_remove(1023);
+    create_and_remove(events, 1023);
     events.create("newer"); // must not have the stale handle yet
-    const auto create_and_remove_groups = [](int times) {
-        const void *group = nullptr;
-        for (int i = 0; i < times; ++i) {
-            group = own_events().group();
-        }
-        return group;
-    };
-    const void *const stale_group = create_and_remove_groups(1);
+    const void *const stale_group = own_events().group();
     const uint32_t forged_item[256] = {0x5A5A0002};
     void *const unreadable = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(unreadable, MAP_FAILED);
@@ -159,12 +154,22 @@ TEST(EventRegistry, RejectsInvalidHandles)
     expect_refused("item", events.group(), "5a5a0001");
     expect_refused("group", item, "5a5a0002");
     munmap(unreadable, 4096);
+}
 
-    create_and_remove(1); // from now on memory is used again
-    create_and_remove_groups(1025);
+TEST(EventRegistry, UsesRecordsAgainAsIfTheyWereNew)
+{
+    own_events events;
+    events.remove(events.create("seen", refuse_to_be_called));
+    const auto use_groups = [] {
+        for (int i = 0; i < 1025; ++i) {
+            const own_events group;
+        }
+    };
+    create_and_remove(events, 1024);
+    use_groups();
     const long before = zol_test::allocations();
-    create_and_remove(1024);
-    create_and_remove_groups(1024);
+    create_and_remove(events, 1025);
+    use_groups();
     EXPECT_TRUE(zol_test::holds_in_child([&events] {
         kiv_event_item *const own = events.create("own"); // in a record from before the fork
         auto waited = std::async(std::launch::async, [] { return wait_for("own").status; });

@@ -54,6 +54,8 @@ TEST_F(GpioListener, AHugeCountHoldsNobodyUpAndOutlastsErrorsAndAStop)
     EXPECT_EQ(calls.count, at_the_stop);
     EXPECT_EQ(kiv_gpio_init(), KIV_OK);
     EXPECT_TRUE(grow());
+    EXPECT_EQ((statuses{kiv_gpio_deinit(), kiv_gpio_init()}), statuses(2, KIV_OK));
+    EXPECT_TRUE(grow()) << "without another interrupt";
     EXPECT_EQ(kiv_gpio_unregister_callback(17), KIV_OK);
     const long at_the_end = calls.count;
     EXPECT_EQ(watch(17, next), KIV_OK);
@@ -113,6 +115,9 @@ TEST_F(GpioListener, AttributesOfAnOrdinarySysfsNeitherSpinNorLoseInterrupts)
     calls calls;
     pins_.act_like_sysfs(17);
     request_and_watch(17, calls);
+    request_and_watch(5, calls);
+    EXPECT_EQ((statuses{kiv_gpio_free(5), kiv_gpio_unregister_callback(17), watch(17, calls)}),
+              statuses(3, KIV_OK));
     zol_test::set_debug_level(3);
     log_capture log;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -122,6 +127,42 @@ TEST_F(GpioListener, AttributesOfAnOrdinarySysfsNeitherSpinNorLoseInterrupts)
         pins_.raise(17);
         ASSERT_TRUE(calls.become(i));
     }
+    zol_test::set_debug_level(3);
+    log_capture empty_log;
+    pins_.node(17, "irq").text = "0\n";
+    const auto begin = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(150)) {
+        pins_.raise(17);
+    }
+    const auto rests = (std::chrono::steady_clock::now() - begin) / std::chrono::milliseconds(100);
+    EXPECT_LE(empty_log.count("INF1", "IRQ=0 for gpio 17"), 8U * (static_cast<std::size_t>(rests) + 3))
+        << "it claims interrupts that it does not have";
+}
+
+TEST_F(GpioListener, WakeUpsInVainMakeNoPinDeaf)
+{
+    calls calls;
+    request_and_watch(17, calls);
+    const auto wake_up_in_vain = [&] { // not as often as a node that claims too much
+        zol_test::set_debug_level(3);
+        log_capture log;
+        pins_.node(17, "irq").text = "0\n";
+        for (std::size_t empty = 1; empty <= 7; ++empty) {
+            pins_.raise(17);
+            ASSERT_TRUE(eventually([&] { return log.count("INF1", "IRQ=0 for gpio 17") == empty; }));
+        }
+        pins_.node(17, "irq").text = nullptr;
+    };
+    ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
+    std::this_thread::sleep_for(std::chrono::milliseconds(110)); // longer than a back-off
+    ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
+    pins_.raise(17);
+    ASSERT_TRUE(calls.become(1));
+    ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
+    EXPECT_EQ((statuses{kiv_gpio_unregister_callback(17), watch(17, calls)}), statuses(2, KIV_OK));
+    ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
+    pins_.raise(17);
+    EXPECT_TRUE(calls.become(2));
 }
 
 TEST_F(GpioListener, CommandsAreServedWhilePollFails)
@@ -132,32 +173,54 @@ TEST_F(GpioListener, CommandsAreServedWhilePollFails)
     rlimit former = {};
     getrlimit(RLIMIT_NOFILE, &former);
     const rlimit none = {0, former.rlim_max};
-    log_capture log;
-    setrlimit(RLIMIT_NOFILE, &none);
-    const int32_t first = kiv_gpio_unregister_callback(17);
-    const int32_t second = kiv_gpio_unregister_callback(5);
-    setrlimit(RLIMIT_NOFILE, &former);
-    EXPECT_EQ((statuses{first, second, watch(5, calls)}), statuses(3, KIV_OK));
-    EXPECT_EQ(log.texts("ERRR"), strings{"Error in poll, ret=0xffffffff"});
+    for (const long failures : {1, 2}) { // both are reported
+        log_capture log;
+        zol_test::set_debug_level(3);
+        const auto begin = std::chrono::steady_clock::now();
+        setrlimit(RLIMIT_NOFILE, &none);
+        pins_.raise(17); // ends the last poll that works
+        const bool is_failing = eventually([&] { return !log.texts("ERRR").empty(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const std::size_t passes = log.count("INF1", "FD 1, revents 0x0");
+        const auto retries = (std::chrono::steady_clock::now() - begin) / std::chrono::milliseconds(100);
+        const int32_t first = kiv_gpio_unregister_callback(17);
+        const int32_t second = kiv_gpio_unregister_callback(5);
+        setrlimit(RLIMIT_NOFILE, &former);
+        EXPECT_TRUE(is_failing);
+        EXPECT_LE(passes, static_cast<std::size_t>(retries) + 3);
+        EXPECT_EQ((statuses{first, second, watch(17, calls), watch(5, calls)}), statuses(4, KIV_OK));
+        EXPECT_EQ(log.texts("ERRR"), strings{"Error in poll, ret=0xffffffff"});
+        EXPECT_TRUE(calls.become(failures));
+    }
     pins_.raise(5);
-    EXPECT_TRUE(calls.become(1));
+    EXPECT_TRUE(calls.become(3));
 }
 
 // Holds the listener up in a callback.
 struct gate {
     std::atomic<bool> is_entered{false};
     std::atomic<bool> is_open{false};
+    std::atomic<bool> is_left{false};
 
     static int pass(int32_t, uintptr_t user_data)
     {
         gate &self = *reinterpret_cast<gate *>(user_data);
         self.is_entered = true;
-        return eventually([&] { return self.is_open.load(); }) ? 0 : -1;
+        EXPECT_TRUE(eventually([&] { return self.is_open.load(); }));
+        pthread_testcancel(); // a stop lets a callback finish
+        self.is_left = true;
+        return 0;
     }
 
     void hold(zol_test::fake_gpio &pins)
     {
         ASSERT_EQ(watch(17, pass, this), KIV_OK);
+        hold_again(pins);
+    }
+
+    void hold_again(zol_test::fake_gpio &pins)
+    {
+        is_entered = is_open = is_left = false;
         pins.raise(17);
         ASSERT_TRUE(eventually([this] { return is_entered.load(); }));
     }
@@ -170,8 +233,25 @@ ino_t inode_of(int fd)
     return found.st_ino;
 }
 
+// Of two frees, a registration and a stop.
+strings errors_without_a_pipe(bool is_reused, const int (&ends)[2])
+{
+    const std::string lost = "The listener has ended, gpio ";
+    const std::string failed = "ing to the pipe ret=-1, errno=9!";
+    strings errors = {"The command pipe was closed, revents 0x20: no more callbacks until a restart",
+                      lost + "5", lost + "17", lost + "5"};
+    if (is_reused) {
+        errors = {"failed writ" + failed, "failed writ" + failed, "failed wrig" + failed,
+                  "failed writ" + failed};
+    }
+    errors.push_back("failed closing READ fd " + std::to_string(ends[0]) + " errno 9");
+    errors.push_back("failed closing WRITE fd " + std::to_string(ends[1]));
+    return errors;
+}
+
 TEST_F(GpioListener, TheListenerEndsWhenTheProgramClosesItsPipe)
 {
+    calls calls;
     request(17);
     request(5);
     for (const bool is_reused : {false, true}) {
@@ -192,9 +272,20 @@ TEST_F(GpioListener, TheListenerEndsWhenTheProgramClosesItsPipe)
         }
         gate.is_open = true;
         EXPECT_TRUE(is_reused || eventually([&] { return !log.texts("ERRR").empty(); }));
-        EXPECT_EQ(kiv_gpio_free(5), is_reused ? KIV_ERR_SYSTEM : KIV_ERR_STATE);
-        EXPECT_EQ((statuses{kiv_gpio_deinit(), kiv_gpio_init(), kiv_gpio_unregister_callback(17)}),
-                  statuses(3, KIV_OK));
+        EXPECT_EQ((statuses{kiv_gpio_free(5), kiv_gpio_free(17), watch(5, calls)}),
+                  statuses(3, is_reused ? KIV_ERR_SYSTEM : KIV_ERR_STATE));
+        std::jthread opener;
+        if (is_reused) {
+            gate.hold_again(pins_);
+            opener = std::jthread([&gate] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20)); // most likely within the stop
+                gate.is_open = true;
+            });
+        }
+        EXPECT_EQ(kiv_gpio_deinit(), KIV_OK);
+        EXPECT_TRUE(gate.is_left);
+        EXPECT_EQ(log.texts("ERRR"), errors_without_a_pipe(is_reused, ends));
+        EXPECT_EQ((statuses{kiv_gpio_init(), kiv_gpio_unregister_callback(17)}), statuses(2, KIV_OK));
         char text[10] = {};
         EXPECT_EQ(write(others[1], "mine", 4), 4);
         EXPECT_EQ(read(others[0], text, sizeof text), 4) << "the library has written nothing to it";
@@ -204,6 +295,14 @@ TEST_F(GpioListener, TheListenerEndsWhenTheProgramClosesItsPipe)
             close(others[i]);
         }
     }
+    ASSERT_EQ(watch(17, calls), KIV_OK);
+    zol_test::set_debug_level(3);
+    log_capture log;
+    for (const long interrupts : {1, 2}) {
+        pins_.raise(17);
+        EXPECT_TRUE(calls.become(interrupts));
+    }
+    EXPECT_EQ(log.out().find("p_pollfd"), std::string::npos) << "the poll set is made for each pass";
 }
 
 TEST_F(GpioListener, ForkedChildrenNeverHang)
@@ -212,10 +311,15 @@ TEST_F(GpioListener, ForkedChildrenNeverHang)
     request(17);
     request(5);
     gate.hold(pins_); // the fork does not wait for the callback
-    const auto answers = [] {
+    std::thread waiting([] { kiv_gpio_free(5); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // most likely it has its turn by then
+    const log_capture log;
+    const long descriptors = zol_test::entries_of("/proc/self/fd");
+    const auto answers = [descriptors] {
         calls calls;
         int value = 0;
-        return kiv_gpio_get(5, &value) == KIV_OK && kiv_gpio_free(17) == KIV_ERR_STATE &&
+        return zol_test::entries_of("/proc/self/fd") == descriptors - 2 && // without the command pipe
+               kiv_gpio_get(5, &value) == KIV_OK && kiv_gpio_free(17) == KIV_ERR_STATE &&
                watch(5, calls) == KIV_ERR_STATE && kiv_gpio_deinit() == KIV_ERR_STATE;
     };
     [[maybe_unused]] const auto restarts = [] {
@@ -227,6 +331,7 @@ TEST_F(GpioListener, ForkedChildrenNeverHang)
     EXPECT_TRUE(zol_test::holds_in_child([&] { return answers() && restarts(); }));
 #endif
     gate.is_open = true;
+    waiting.join();
     EXPECT_EQ(kiv_gpio_free(17), KIV_OK) << "the parent's goes on";
 }
 
@@ -324,6 +429,8 @@ TEST_F(GpioListener, CallbacksMayNotCallTheModule)
     EXPECT_STREQ(thread_name, "kiv_gpio");
     EXPECT_EQ(sigismember(&blocked, SIGTERM), 1) << "the program's handlers run on its own threads";
     EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "the thread that started the module takes them as before";
     EXPECT_EQ((statuses{value, kiv_gpio_set(6, 1), kiv_gpio_unregister_callback(5)}),
               (statuses{7, KIV_ERR_INVALID_PARAM, KIV_ERR_INVALID_PARAM}));
     EXPECT_EQ(kiv_gpio_unregister_callback(17), KIV_OK) << "the callback was not taken away";

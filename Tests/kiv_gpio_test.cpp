@@ -1,5 +1,6 @@
 #include "zol/kiv_gpio.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -51,7 +52,7 @@ TEST_F(Gpio, RefusesUnallocatedNumbersAndNull)
     int value = 7;
     request(17);
     log_capture log;
-    EXPECT_EQ((statuses{kiv_gpio_set(5, 1), kiv_gpio_get(5, nullptr), kiv_gpio_direction_in(5),
+    EXPECT_EQ((statuses{kiv_gpio_set(17 + 256, 1), kiv_gpio_get(5, nullptr), kiv_gpio_direction_in(5),
                         kiv_gpio_direction_out(-1), watch(5, calls), kiv_gpio_unregister_callback(5),
                         kiv_gpio_free(5)}),
               statuses(7, KIV_ERR_INVALID_PARAM));
@@ -137,6 +138,17 @@ TEST_F(Gpio, PinsStaySimulatedOrTheBoards)
     request_and_watch(5, calls);
     ASSERT_EQ(watch(17, calls), KIV_OK);
     EXPECT_EQ(pins_.take_writes().size(), 3U);
+    {
+        log_capture refusal;
+        const kiv::unique_fd standard_input(dup(STDIN_FILENO));
+        close(STDIN_FILENO);
+        EXPECT_EQ(kiv_gpio_request(6, "pin"), KIV_ERR_SYSTEM) << "0 is no end of a pipe";
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "nothing is left open";
+        dup2(standard_input.get(), STDIN_FILENO);
+        EXPECT_EQ(refusal.texts("ERRR"),
+                  (strings{"FDs should have been created before calling this function.",
+                           "failed opening irq for gpio 6", "the node of gpio 6 does not open, errno 9"}));
+    }
     kiv_gpio_set_simulator_mode(0);
     EXPECT_EQ((statuses{kiv_gpio_set(5, -7), kiv_gpio_get(5, &value), value}),
               (statuses{KIV_OK, KIV_OK, -7}));
@@ -154,6 +166,8 @@ TEST_F(Gpio, RegistrationEnablesTheInterruptInOrder)
     calls first;
     calls second;
     request(gpio);
+    request(5);
+    EXPECT_EQ(kiv_gpio_free(5), KIV_OK); // the listener has started now
     zol_test::set_debug_level(3);
     log_capture log;
     EXPECT_EQ(watch(gpio, first), KIV_OK);
@@ -167,12 +181,14 @@ TEST_F(Gpio, RegistrationEnablesTheInterruptInOrder)
     EXPECT_EQ(first.last_gpio, gpio);
     EXPECT_EQ(kiv_gpio_unregister_callback(gpio), KIV_OK);
     EXPECT_TRUE(log.has("INF1", "Command unregister cbk for gpio 4464"));
-    pins_.raise(gpio, 3);
+    pins_.raise(gpio, 257); // one more than a pass calls back
     EXPECT_EQ(pins_.take_writes(), strings{}) << "the board's interrupt stays as it is";
     EXPECT_EQ(watch(gpio, second), KIV_OK);
-    EXPECT_TRUE(second.become(3)) << "counted by the board, and not lost";
+    EXPECT_TRUE(second.become(257)) << "counted by the board, and not lost";
     EXPECT_EQ(first.count, 1);
     EXPECT_EQ(kiv_gpio_free(gpio), KIV_OK);
+    EXPECT_TRUE(log.has("INF1", "---got 0xdeadbeef ---"));
+    EXPECT_EQ(log.count("INF1", "no irq fds are set"), 2U) << "in the passes of the registrations";
 }
 
 } // namespace

@@ -53,18 +53,22 @@ TEST_F(GpioLines, ALineIsTakenAsItIsAndBecomesAnOutputWhenItIsSet)
 {
     restart_with_chips("<gpio_chip_0_first>0</gpio_chip_0_first>"
                        "<gpio_39_active_low>1</gpio_39_active_low><gpio_39_bias>disabled</gpio_39_bias>"
-                       "<gpio_7_bias>pull-up</gpio_7_bias><gpio_7_debounce_us>5000</gpio_7_debounce_us>");
+                       "<gpio_8_active_low>1</gpio_8_active_low><gpio_7_bias>pull-up</"
+                       "gpio_7_bias><gpio_7_debounce_us>5000</gpio_7_debounce_us>");
     int value = 7;
     request(3, "a name of thirty-one characters and more");
     EXPECT_EQ((statuses{kiv_gpio_get(3, &value), value, kiv_gpio_set(3, -1), kiv_gpio_get(3, &value), value,
-                        kiv_gpio_set(3, 0), kiv_gpio_get(3, &value), value}),
-              (statuses{0, 0, 0, 0, 1, 0, 0, 0}));
+                        kiv_gpio_set(3, 0), kiv_gpio_get(3, &value), value, kiv_gpio_set(3, 2),
+                        kiv_gpio_get(3, &value), value}),
+              (statuses{0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1}));
+    request(8);
     request(39);
     request(7);
     EXPECT_EQ(kiv_gpio_set(7, 0), KIV_OK);
-    EXPECT_EQ(chips_.seen, (strings{"request 1.3 a name of thirty-one characters", "flags 0",
-                                    "flags 8 level 1", "set 0", "request 0.31 pin", "flags 1030",
-                                    "request 1.7 pin", "flags 260 debounce 5000", "flags 264 level 0"}));
+    EXPECT_EQ(chips_.seen,
+              (strings{"request 1.3 a name of thirty-one characters", "flags 0", "flags 8 level 1", "set 0",
+                       "set 1", "request 0.0 pin", "flags 2", "request 0.31 pin", "flags 1030",
+                       "request 1.7 pin", "flags 260 debounce 5000", "flags 264 level 0"}));
     request(40);
     EXPECT_EQ(kiv_gpio_set(40, 1), KIV_OK);
     EXPECT_EQ(pins_.take_writes().size(), 1U) << "a pin outside of all chips is the board's";
@@ -77,9 +81,9 @@ TEST_F(GpioLines, EdgesAreCountedExactlyAndLossesAreReported)
     calls both;
     request(9);
     log_capture log;
-    EXPECT_EQ((statuses{watch(KIV_GPIO_LEVEL, 0, rising), watch(KIV_GPIO_EDGE, 4, rising),
-                        watch(KIV_GPIO_EDGE, KIV_GPIO_EDGE_RISING, rising)}),
-              (statuses{KIV_ERR_INVALID_PARAM, KIV_ERR_INVALID_PARAM, KIV_OK}));
+    EXPECT_EQ((statuses{watch(KIV_GPIO_LEVEL, 1, rising), watch(KIV_GPIO_EDGE, 0, rising),
+                        watch(KIV_GPIO_EDGE, 4, rising), watch(KIV_GPIO_EDGE, KIV_GPIO_EDGE_RISING, rising)}),
+              (statuses{KIV_ERR_INVALID_PARAM, KIV_ERR_INVALID_PARAM, KIV_ERR_INVALID_PARAM, KIV_OK}));
     for (long i = 0; i < 1000; ++i) {
         chips_.raise();
     }
@@ -95,7 +99,8 @@ TEST_F(GpioLines, EdgesAreCountedExactlyAndLossesAreReported)
     EXPECT_EQ(chips_.seen, (strings{"request 0.1 pin", "flags 4 debounce 7", "flags 20 debounce 7",
                                     "flags 4 debounce 7", "flags 8 level 1", "flags 52 debounce 7"}));
     EXPECT_EQ(log.texts("ERRR"),
-              (strings{"gpio 9: level_edge 1, edge_cfg 0: a line of a GPIO chip has edges only, 1 to 3",
+              (strings{"gpio 9: level_edge 1, edge_cfg 1: a line of a GPIO chip has edges only, 1 to 3",
+                       "gpio 9: level_edge 2, edge_cfg 0: a line of a GPIO chip has edges only, 1 to 3",
                        "gpio 9: level_edge 2, edge_cfg 4: a line of a GPIO chip has edges only, 1 to 3",
                        "gpio 9 is not set, errno 1: it has a callback, so it is an input",
                        "gpio 9 has lost 5 interrupts: they came faster than they were read"}));
@@ -114,6 +119,9 @@ TEST_F(GpioLines, AChipThatIsRemovedCostsNoTime)
     zol_test::set_debug_level(1);
     EXPECT_EQ(log.texts("ERRR"), strings{"gpio 9 reports an error, revents 0x10"});
     EXPECT_LT(log.count("INF1", "FD 1, revents 0x10"), 5U);
+    int level = 7;
+    EXPECT_EQ((statuses{kiv_gpio_get(9, &level), level}), statuses(2, 0));
+    EXPECT_EQ(log.texts("ERRR").back(), "gpio 9 is not read, errno 19");
     EXPECT_EQ(kiv_gpio_free(9), KIV_OK);
 }
 
@@ -130,6 +138,13 @@ TEST_F(GpioLines, MistakesAreNamedAndChangeNothingElse)
         {"<gpio_chips_num>2</gpio_chips_num><gpio_chip_0_dev>soc</gpio_chip_0_dev>"
          "<gpio_chip_1_dev>expander</gpio_chip_1_dev><gpio_chip_1_first>31</gpio_chip_1_first>",
          "gpio_chip_1_first: the pins 31 to 38 of expander overlap 0 to 31 of soc"},
+        {"<gpio_chips_num>2</gpio_chips_num><gpio_chip_0_dev>soc</gpio_chip_0_dev>"
+         "<gpio_chip_0_first>7</gpio_chip_0_first><gpio_chip_1_dev>expander</gpio_chip_1_dev>",
+         "gpio_chip_1_first: the pins 0 to 7 of expander overlap 7 to 38 of soc"},
+        {"<gpio_chips_num>3</gpio_chips_num><gpio_chip_0_dev>soc</gpio_chip_0_dev>"
+         "<gpio_chip_0_first>8</gpio_chip_0_first><gpio_chip_1_dev>expander</gpio_chip_1_dev>"
+         "<gpio_chip_2_dev>expander</gpio_chip_2_dev><gpio_chip_2_first>39</gpio_chip_2_first>",
+         "gpio_chip_2_first: the pins 39 to 46 of expander overlap 8 to 39 of soc"},
     };
     for (const auto &[keys, said] : cases) {
         log_capture log;

@@ -86,8 +86,7 @@ public:
         case GPIO_V2_LINE_SET_VALUES_IOCTL:
             return set(*static_cast<gpio_v2_line_values *>(argument));
         default:
-            static_cast<gpio_v2_line_values *>(argument)->bits = level;
-            return 0;
+            return get(*static_cast<gpio_v2_line_values *>(argument));
         }
     }
 
@@ -105,7 +104,8 @@ private:
 
     int request_line(std::size_t number, gpio_v2_line_request &request)
     {
-        if (!holder.empty() || request.num_lines != 1 || request.offsets[0] >= chips_[number].lines) {
+        if (!holder.empty() || request.num_lines != 1 || request.offsets[0] >= chips_[number].lines ||
+            request.event_buffer_size < 512) {
             errno = holder.empty() ? EINVAL : EBUSY;
             return -1;
         }
@@ -143,6 +143,13 @@ private:
         }
         seen.push_back(text);
         return 0;
+    }
+
+    int get(gpio_v2_line_values &values) const
+    {
+        errno = ENODEV;
+        values.bits = line_.is_open() ? level & values.mask : values.bits;
+        return line_.is_open() ? 0 : -1;
     }
 
     int set(const gpio_v2_line_values &values)

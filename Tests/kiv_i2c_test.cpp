@@ -9,6 +9,7 @@
 
 #include "common/unique_fd.h"
 #include "support/fake_i2c.h"
+#include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/scratch.h"
 #include "zol/kiv_config.h"
@@ -58,6 +59,8 @@ protected:
 TEST_F(I2c, ReadsInOneTransferAndWritesByteByByte)
 {
     kiv_i2c_handle device = open_device();
+    g_debugLevel = 2; // where the bus logs its transfers
+    log_capture debug;
     bus_.answer = {0xde, 0xad, 0xbe};
     uint8_t out[4] = {0, 0, 0, 0x77};
     EXPECT_EQ(kiv_i2c_read_reg8(&device, 0x0f, 3, out), KIV_OK);
@@ -66,6 +69,13 @@ TEST_F(I2c, ReadsInOneTransferAndWritesByteByByte)
     EXPECT_EQ((std::vector<int>(out, out + 4)), (std::vector<int>{0xde, 0xad, 0xde, 0x77}));
     EXPECT_EQ(kiv_i2c_write_reg8(&device, 0x10, 2, out), KIV_OK);
     EXPECT_EQ(kiv_i2c_write_reg16(&device, 0x1234, 1, out), KIV_OK);
+    EXPECT_EQ(debug.texts("PRNT"), (strings{"read : addr 0x0050 reg 0x0f bytes  3 ret 2 out 0xde",
+                                            "read : addr 0x0050 reg 0x1234 bytes  1 ret 2 out 0xde",
+                                            "read : addr 0x0050 reg 0x01 bytes  0 ret 2 out 0x0",
+                                            "write deviceAddress 0x0050 deviceReg 0x10 value 0xde ret 1",
+                                            "write deviceAddress 0x0050 deviceReg 0x10 value 0xad ret 1",
+                                            "write deviceAddress 0x0050 deviceReg 0x1234 value 0xde ret 1"}));
+    g_debugLevel = 1;
     EXPECT_EQ(bus_.transfers, (strings{"50 W[0f] R3", "50 W[12 34] R1", "50 W[01] R0", "50 W[10 de]",
                                        "50 W[10 ad]", "50 W[12 34 de]"}));
 
@@ -84,9 +94,11 @@ TEST_F(I2c, ReadsInOneTransferAndWritesByteByByte)
 
 TEST_F(I2c, RefusesInvalidHandlesAndBuses)
 {
+    const long descriptors = zol_test::entries_of("/proc/self/fd");
     kiv_i2c_handle device = open_device();
     uint8_t value = 0;
     EXPECT_EQ(kiv_i2c_close(&device), KIV_OK);
+    EXPECT_EQ(zol_test::entries_of("/proc/self/fd"), descriptors);
     EXPECT_TRUE(device.fd == 0 && device.bus == -1 && device.deviceAddress == 0x50);
     g_debugLevel = KIV_DEBUG_LEVEL_ALL;
     log_capture log;

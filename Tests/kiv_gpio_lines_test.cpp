@@ -172,6 +172,10 @@ TEST_F(GpioLines, MistakesAreNamedAndChangeNothingElse)
         EXPECT_EQ(kiv_gpio_request(9, "pin"), status);
         EXPECT_EQ(log.texts("ERRR"), strings{said});
     }
+    chips_.refusal = EPERM;
+    log_capture log;
+    EXPECT_EQ(kiv_gpio_request(9, "pin"), KIV_ERR_OPEN);
+    EXPECT_EQ(log.texts("ERRR"), strings{"gpio 9: line 1 of /dev/gpiochip0 is refused, errno 1"});
 }
 
 } // namespace

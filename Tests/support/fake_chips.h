@@ -37,6 +37,7 @@ public:
     fake_chips &operator=(const fake_chips &) = delete;
 
     std::string holder;            // not empty: all lines are in use by it
+    int refusal = EBUSY;           // the errno of a request then
     std::vector<std::string> seen; // "request 1.3 lamp flags 0", "config flags 8 level 1", "set 0"
     std::uint64_t level = 0;       // of all lines
 
@@ -106,7 +107,7 @@ private:
     {
         if (!holder.empty() || request.num_lines != 1 || request.offsets[0] >= chips_[number].lines ||
             request.event_buffer_size < 512) {
-            errno = holder.empty() ? EINVAL : EBUSY;
+            errno = holder.empty() ? EINVAL : refusal;
             return -1;
         }
         int ends[2];

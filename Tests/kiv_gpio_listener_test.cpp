@@ -155,14 +155,16 @@ TEST_F(GpioListener, WakeUpsInVainMakeNoPinDeaf)
     };
     ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
     std::this_thread::sleep_for(std::chrono::milliseconds(110)); // longer than a back-off
-    ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
-    pins_.raise(17);
-    ASSERT_TRUE(calls.become(1));
+    for (const long interrupts : {1, 2}) {
+        ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
+        pins_.raise(17);
+        ASSERT_TRUE(calls.become(interrupts));
+    }
     ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
     EXPECT_EQ((statuses{kiv_gpio_unregister_callback(17), watch(17, calls)}), statuses(2, KIV_OK));
     ASSERT_NO_FATAL_FAILURE(wake_up_in_vain());
     pins_.raise(17);
-    EXPECT_TRUE(calls.become(2));
+    EXPECT_TRUE(calls.become(3));
 }
 
 TEST_F(GpioListener, CommandsAreServedWhilePollFails)

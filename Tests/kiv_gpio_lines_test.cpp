@@ -125,6 +125,23 @@ TEST_F(GpioLines, AChipThatIsRemovedCostsNoTime)
     EXPECT_EQ(kiv_gpio_free(9), KIV_OK);
 }
 
+TEST_F(GpioLines, ALineThatIsNotReadIsLeftAloneForAWhile)
+{
+    restart_with_chips();
+    calls calls;
+    request(9);
+    request(40);
+    ASSERT_EQ(watch(KIV_GPIO_EDGE, KIV_GPIO_EDGE_BOTH, calls), KIV_OK);
+    zol_test::set_debug_level(2);
+    log_capture log;
+    chips_.break_line();
+    EXPECT_EQ(kiv_gpio_free(40), KIV_OK); // the listener looks at all lines
+    EXPECT_TRUE(eventually([&] { return log.has("PRNT", "gpio 9 is tried again every 100 ms"); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150)); // a retry
+    EXPECT_EQ(log.texts("ERRR"), strings{"gpio 9 is not read, errno 21"});
+    EXPECT_EQ(log.texts("PRNT").size(), 1U);
+}
+
 TEST_F(GpioLines, MistakesAreNamedAndChangeNothingElse)
 {
     const std::pair<const char *, const char *> cases[] = {

@@ -30,7 +30,6 @@ protected:
     GpioSweep()
     {
         kiv_gpio_set_simulator_mode(GetParam() == simulated ? 1 : 0);
-        zol_test::set_debug_level(2);
         kiv_gpio_deinit();
         kiv_config_deinit();
         const char *const chips = GetParam() == line ? "<gpio_chips_num>1</gpio_chips_num>"
@@ -45,11 +44,9 @@ protected:
     static bool is_documented(int32_t status)
     {
         static const std::pair<int32_t, const char *> documented[] = {
-            {KIV_ERR_OPEN, "open"},       {KIV_ERR_OPEN, "ioctl"},
-            {KIV_ERR_SYSTEM, "ioctl"},    {KIV_ERR_SYSTEM, "fcntl"},
-            {KIV_ERR_NO_MEMORY, "_Zn"},   {KIV_ERR_SYSTEM, "pipe2"},
-            {KIV_ERR_SYSTEM, "sem_init"}, {KIV_ERR_SYSTEM, "pthread_attr_init"},
-            {KIV_ERR_SYSTEM, "write"},    {KIV_ERR_SYSTEM, "pthread_create"}};
+            {KIV_ERR_OPEN, "open"},       {KIV_ERR_OPEN, "ioctl"},    {KIV_ERR_SYSTEM, "ioctl"},
+            {KIV_ERR_SYSTEM, "fcntl"},    {KIV_ERR_NO_MEMORY, "_Zn"}, {KIV_ERR_SYSTEM, "pipe2"},
+            {KIV_ERR_SYSTEM, "sem_init"}, {KIV_ERR_SYSTEM, "write"},  {KIV_ERR_SYSTEM, "pthread_create"}};
         return std::any_of(std::begin(documented), std::end(documented), [status](const auto &each) {
             return each.first == status && zol_test::failed_call().starts_with(each.second);
         });
@@ -105,7 +102,6 @@ protected:
                 complaint += is_documented(status) && step() == KIV_OK ? "" : refusals_.back();
             }
         }
-        recoveries_ += log.texts("PRNT").size() / 2; // tried again, and works again
         const std::string failed = zol_test::failed_call();
         const bool is_tried_again = failed == "read" || failed == "fstat";
         if (!is_tried_again && failed.empty() != log.texts("ERRR").empty()) {
@@ -115,7 +111,6 @@ protected:
     }
 
     strings refusals_; // "free -30", whenever a step fails
-    std::size_t recoveries_ = 0;
     zol_test::fake_chips chips_{{{"soc", 32}}};
 };
 
@@ -124,8 +119,6 @@ TEST_P(GpioSweep, ReportsOrSurvivesEveryFailure)
     const zol_test::sweep_result result = zol_test::sweep_faults([this] { return live(); });
     EXPECT_EQ(result.complaints, "");
     EXPECT_GE(result.failures, GetParam() == simulated ? 20 : 40);
-    EXPECT_GE(recoveries_, GetParam() == simulated ? 0U : 2U)
-        << "a node that is not read is left alone for a while";
     refusals_.clear();
     EXPECT_EQ(zol_test::sweep_faults([this] { return live(); }, "write").complaints, "");
     EXPECT_EQ(refusals_, (strings{"free -30", "register -30", "register -30", "free -30", "free -30"}))

@@ -50,6 +50,13 @@ public:
         static_cast<void>(written);
     }
 
+    /// From now on reading from that line fails with EISDIR.
+    void break_line() const
+    {
+        const kiv::unique_fd directory(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        dup2(directory.get(), reading_end_);
+    }
+
     /// Removes the chip of that line.
     void unbind() { line_.reset(); }
 
@@ -114,7 +121,7 @@ private:
         if (pipe(ends) != 0) {
             return -1;
         }
-        request.fd = ends[0];
+        request.fd = reading_end_ = ends[0];
         line_.reset(ends[1]);
         number_ = 0;
         flags_ = 0;
@@ -168,6 +175,7 @@ private:
     std::vector<chip> chips_;
     std::map<int, std::size_t> numbers_; // of open chips, by descriptor
     kiv::unique_fd line_;
+    int reading_end_ = -1; // the library's
     std::uint32_t number_ = 0;
     std::uint64_t flags_ = 0;
 };

@@ -194,6 +194,10 @@ TEST_F(TimingLog, ReportsAFullDiskOnce)
         EXPECT_TRUE(lost == 1 || lost == 2) << "a block, and the end";
         EXPECT_TRUE(capture.has("ERRR", "can't write /var/log/zol/full.csv: errno 28; what follows is lost"));
     }
+    const std::string label(70'000, 'x'); // more than the stream holds
+    map_[0].label = label.c_str();
+    EXPECT_EQ(kiv_tl_init("full", map_), nullptr);
+    EXPECT_TRUE(capture_.has("ERRR", "fprintf failed"));
 }
 
 // A limit on the size of files stands for a disk that is full for a while.

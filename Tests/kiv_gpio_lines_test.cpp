@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -168,7 +169,8 @@ TEST_F(GpioLines, MistakesAreNamedAndChangeNothingElse)
         restart(keys);
         EXPECT_EQ(log.texts("ERRR"), strings{said});
         request(38);
-        EXPECT_EQ(kiv_gpio_free(38), KIV_OK) << "the board's";
+        EXPECT_EQ(kiv_gpio_free(38), KIV_OK);
+        EXPECT_EQ(std::ranges::count(chips_.seen, "request 1.7 pin"), 0) << "of a chip that was refused";
     }
     const struct {
         const char *keys;

@@ -31,9 +31,10 @@ constexpr char chooser_script[] = "/usr/bin/zol_choose_conf.sh";
 // Written at start-up and shut-down, which run on one thread; between them only read.
 struct config_store {
     int32_t initialized;
-    xmlDoc *doc;      // owned
-    xmlNode *root;    // in doc
-    xmlNode *devices; // in doc: where every look-up begins
+    const char *configFile; // the caller's text
+    xmlDoc *doc;            // owned
+    xmlNode *root;          // in doc
+    xmlNode *devices;       // in doc: where every look-up begins
 };
 
 config_store g_kiv_config;
@@ -137,6 +138,7 @@ int32_t kiv_config_init(const char *configFile)
     if (g_kiv_config.initialized != 0) {
         return loaded;
     }
+    g_kiv_config.configFile = configFile;
     const int32_t result = load(configFile, kiv::call_site::here());
     if (!KIV_HOLDS(result == loaded)) {
         KIV_LOG_ERRR("no configuration from %s: result %d\n", kiv::shown(configFile), result);

@@ -269,7 +269,13 @@ bool start_thread(call_site site)
     thread_db = 0;
     g_is_lost = false;
     g_is_poll_failing = false;
-    const bool is_started = pthread_create(&g_listener, nullptr, __listener, &thread_db) == 0;
+    pthread_attr_t attributes;
+    bool is_started = pthread_attr_init(&attributes) == 0;
+    if (is_started) {
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+        is_started = pthread_create(&g_listener, &attributes, __listener, &thread_db) == 0;
+        pthread_attr_destroy(&attributes);
+    }
     if (!is_started) {
         KIV_LOG_AT(site, ERRR, "Failed creating listener thread!\n");
         destroy_answers();
@@ -317,6 +323,7 @@ void kiv::gpio::join_listener(call_site site)
         KIV_LOG_AT(site, ERRR, "failed joining listener thread 0x%lx!\n",
                    static_cast<unsigned long>(g_listener));
     }
+    thread_db = 0;
     discard_poll_set();
 }
 
@@ -332,6 +339,7 @@ void kiv::gpio::forget_listener()
 {
     abandon_command_pipe();
     t_is_orphan = t_is_listener;
+    g_is_lost = false;
     if (!t_is_orphan) {
         discard_poll_set();
     }

@@ -46,11 +46,12 @@ bool is_logged(const kiv_i2c_handle &handle) noexcept
     return handle.fd > 0 && is_in_table(handle.bus) && g_buses[handle.bus].debug != 0;
 }
 
-// Both keys are optional: what they do not say stays cleared, or as it is set before.
+// Both keys are optional: what they do not say stays as it is set before.
 void set_up_bus(int32_t index)
 {
     i2c_bus &bus = g_buses[index];
     char key[64];
+    bus.debug = 0;
     kiv::copy_bounded(bus.dev, sizeof bus.dev, "/dev/i2c-");
     std::snprintf(key, sizeof key, "i2c_bus_%d_debug", index);
     kiv_config_get_param_int("general", "", key, &bus.debug);

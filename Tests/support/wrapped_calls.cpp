@@ -93,6 +93,8 @@ WRAPPED(GThread *, g_thread_try_new, (const char *name, GThreadFunc run, gpointe
 WRAPPED(int, pthread_barrier_init,
         (pthread_barrier_t * barrier, const pthread_barrierattr_t *attributes, unsigned count), ENOMEM, 0,
         __real_pthread_barrier_init(barrier, attributes, count))
+WRAPPED(int, pthread_attr_init, (pthread_attr_t * attributes), ENOMEM, 0,
+        __real_pthread_attr_init(attributes))
 WRAPPED(int, pthread_create,
         (pthread_t * thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument), EAGAIN,
         0, __real_pthread_create(thread, attributes, body, argument))

@@ -37,7 +37,10 @@ with SMBus(4) as bus, SMBus(3) as slow:
     fcntl.ioctl(one, SLAVE, 0x18)
     fcntl.ioctl(other, SLAVE_FORCE, 0x3c)
     print("read and write:", os.write(one, b"\x60\x05\x06"), os.write(one, b"\x60"), os.read(one, 3),
-          fails(os.read, other, 1), len(os.read(one, 9000)))
+          fails(os.read, other, 1), len(os.read(one, 9000)), os.write(other, bytes(9000)), fails(os.pread, one, 1, 5))
+    folder = os.open("/sys/bus/i2c/devices", os.O_RDONLY)
+    with open("/sys/bus/i2c/devices/3-0036/name") as name:
+        print("lists:", [name.read(), name.seek(0), name.read(), fails(fcntl.ioctl, folder, SLAVE, 0x18)])
     fcntl.ioctl(one, PEC, 1)
     fcntl.ioctl(one, TENBIT, 1)
     print("no 10-bit addresses:", fcntl.ioctl(one, SLAVE, 0x3ff), fails(os.read, one, 1))

@@ -109,7 +109,6 @@ board_fs::board_fs()
 
 board_fs::~board_fs()
 {
-    session_.reset();
     std::free(buffer_.mem); // libfuse has allocated it at the first request
 }
 

@@ -120,6 +120,7 @@ int i2c_client::transfer(std::vector<i2c_message> &messages)
 
 int i2c_client::transfer_to_selected(std::vector<i2c_message> &messages)
 {
+    ready_at_ = {};
     return has_ten_bits_ ? EOPNOTSUPP : transfer(messages);
 }
 
@@ -142,7 +143,6 @@ int i2c_client::read(std::size_t, std::size_t size, std::string &data)
 {
     std::vector<i2c_message> messages = {
         {address_, true, std::vector<std::uint8_t>(std::min(size, longest_transfer))}};
-    ready_at_ = {};
     const int error = transfer_to_selected(messages);
     data.assign(messages[0].bytes.begin(), messages[0].bytes.end());
     return -error;
@@ -152,7 +152,6 @@ int i2c_client::write(std::string_view data)
 {
     data = data.substr(0, longest_transfer);
     std::vector<i2c_message> messages = {{address_, false, {data.begin(), data.end()}}};
-    ready_at_ = {};
     const int error = transfer_to_selected(messages);
     return error != 0 ? -error : static_cast<int>(data.size());
 }

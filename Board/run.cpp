@@ -170,7 +170,6 @@ int run_on(running_board &board, const run_options &options)
     const kiv::unique_fd ours(ends[0]);
     kiv::unique_fd theirs(ends[1]);
     start.channel = theirs.get();
-    std::fflush(nullptr); // or the child would print what is buffered once more
     const pid_t child = fork();
     if (child == 0) {
         become_command(start);
@@ -221,7 +220,6 @@ int run(const run_options &options)
 // Tries it in a child, whose namespaces and mounts end with it.
 int check()
 {
-    std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
         std::string problem = enter_namespaces();

@@ -213,7 +213,7 @@ bool create_workers(reporting_worker *workers, call_site site)
 
 bool stop_workers(reporting_worker *workers, call_site site)
 {
-    for (uint32_t index = 0; index < most_threads && index < threads; ++index) {
+    for (uint32_t index = 0; index < threads; ++index) {
         reporting_worker &worker = workers[index];
         STRESS_LOG(site, "stopping thread (%s)(%d)", worker.name, static_cast<int>(index));
         const bool stopped = KIV_HOLDS_AT(site, kiv_thread_stop(&worker.thread) == KIV_OK);

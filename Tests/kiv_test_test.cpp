@@ -6,6 +6,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,14 +17,18 @@
 #include "support/eventually.h"
 #include "support/fake_gpio.h"
 #include "support/fake_host.h"
+#include "support/fake_i2c.h"
 #include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/scratch.h"
 #include "support/text.h"
 #include "tests/kiv_test_events/events_test.h"
+#include "zol/kiv_config.h"
 #include "zol/kiv_debug.h"
 #include "zol/kiv_gpio.h"
+#include "zol/kiv_i2c.h"
 #include "zol/kiv_status.h"
+#include "zol/kiv_token.h"
 
 using strings = std::vector<std::string>;
 using zol_test::count_of;
@@ -84,8 +92,8 @@ std::vector<char *> arguments_of(strings &words)
 
 std::string g_options;
 
-// Notes its options, as a module parses them.
-int note_options(int argc, char **argv, unsigned)
+// Notes its options, as a module parses them, and its flags.
+int note_options(int argc, char **argv, unsigned testFlags)
 {
     for (int letter = 0; (letter = getopt(argc, argv, "n:ab")) != -1;) {
         g_options += std::string(1, static_cast<char>(letter)) + (letter == 'n' ? optarg : "");
@@ -93,7 +101,7 @@ int note_options(int argc, char **argv, unsigned)
             break; // in the middle of a word
         }
     }
-    g_options += ' ';
+    g_options += std::to_string(testFlags) + ' ';
     return 1;
 }
 
@@ -104,17 +112,57 @@ TEST(TestDriver, LeavesTheSameWordsToTheModuleInEveryPass)
     const std::string file = scratch.write("conf.xml", zol_test::minimal_configuration());
     const auto run_twice = [&] {
         bool succeeded = true;
-        for (int run = 0; run < 2; ++run) {
-            strings words = {"kivtest.exe", "-c",    file, "word", "-R",   "2",
-                             "-m",          "probe", "-n", "7",    "more", "-aba"};
+        for (const char *switches : {"-ls1", "-s0"}) {
+            strings words = {"kivtest.exe", switches, "-c", file, "word", "-R",  "2",
+                             "-m",          "probe",  "-n", "7",  "more", "-aba"};
             kiv_test_util_register(&item);
             succeeded &= kiv_test_main(static_cast<int>(words.size()), arguments_of(words).data()) == KIV_OK;
         }
-        _exit(succeeded && g_options == "n7ab n7ab n7ab n7ab "
+        _exit(succeeded && g_options == "n7ab3 n7ab3 n7ab0 n7ab0 "
                   ? 7
                   : 1); // a driver that shows its help exits with 0
     };
     EXPECT_EXIT(run_twice(), testing::ExitedWithCode(7), "");
+}
+
+TEST(TestDriver, RunsTheTestsOfAllWithItsParameters)
+{
+    const zol_test::scratch_directory scratch;
+    const zol_test::fake_host host(scratch.path());
+    std::string content = zol_test::minimal_configuration();
+    content.replace(content.find("<debugLevel>1"), 13, "<debugLevel>2");
+    const std::string file = scratch.write("conf.xml", content);
+    const log_capture log;
+    zol_test::set_debug_level(2);
+    strings words = {"kivtest.exe", "-c", file, "-ls5", "-r", "0x12fff", "-b5", "-d24", "-v", "0x107", "-e9"};
+    EXPECT_EQ(kiv_test_main(static_cast<int>(words.size()), arguments_of(words).data()), KIV_OK);
+    EXPECT_EQ(count_of(log.out(), "pData(sync "), 5U);
+    for (const char *of_another_test : {"MENU", "shalom", "CPU_BENCH", "TOKEN {", "ASSERT"}) {
+        EXPECT_EQ(count_of(log.out(), of_another_test), 0U) << of_another_test;
+    }
+    EXPECT_TRUE(g_params.isFreePlay == 1 && g_params.isSimulator == 1 && g_params.isForceDebug == 0);
+    EXPECT_TRUE(g_params.i2c_reg == 0x2fff && g_params.i2c_bus == 5 && g_params.i2c_addr == 24);
+    EXPECT_TRUE(g_params.i2c_val == 7 && g_params.eventId == 9 && g_params.repeatNum == 1);
+    EXPECT_TRUE(log.has("PRNT", "repeat test 1") || log.has("PRNT", "event id   : 9"));
+    EXPECT_TRUE(log.has("PRNT", "reg               : 0x2fff"));
+}
+
+TEST(TestDriver, RegisterTestsReturnTheirVerdicts)
+{
+    const zol_test::scratch_directory scratch;
+    zol_test::fake_i2c bus;
+    const std::string file = scratch.write(
+        "conf.xml",
+        zol_test::configuration("<i2c_buses_num>1</i2c_buses_num><i2c_bus_1_dev>/dev/null</i2c_bus_1_dev>"));
+    EXPECT_TRUE(kiv_config_init(file.c_str()) == 1 && kiv_i2c_init() == KIV_OK);
+    for (const auto &[number, fails_from, verdict] : {std::array{1, -1, 1}, {1, 0, 0}, {7, -1, 0}}) {
+        g_params.i2c_bus = static_cast<uint32_t>(number);
+        bus.fails_from = fails_from;
+        EXPECT_EQ(_test_kiv_i2c_read(0), verdict);
+        EXPECT_EQ(_test_kiv_i2c_write(1), verdict);
+    }
+    kiv_i2c_deinit();
+    kiv_config_deinit();
 }
 
 class Modules : public testing::Test
@@ -150,6 +198,17 @@ TEST_F(Modules, ThreadTestPrintsEveryMessage)
     const int failures = zol_test::handled_failures(
         [] { return (run(_test_kiv_thread, {}) == 1) == zol_test::failed_call().empty(); });
     EXPECT_GE(failures, 10 + 5) << "a stop without memory among them";
+}
+
+TEST_F(Modules, TokenTestReturnsItsVerdict)
+{
+    std::snprintf(g_tokensPath, sizeof g_tokensPath, "%s", scratch_.path().c_str());
+    EXPECT_EQ(run(_kiv_test_tokens, {}), 0);
+    scratch_.write("ACCELCAL", "{}");
+    EXPECT_EQ(run(_kiv_test_tokens, {}), 0);
+    scratch_.write("ACCELCAL.xml", "<r/>");
+    EXPECT_EQ(run(_kiv_test_tokens, {}), 1) << "what the token lacks is in the log";
+    kiv_token_deinit();
 }
 
 // Each failure of the library is in the log of the test that met it, and in its verdict.
@@ -204,6 +263,8 @@ TEST_F(Modules, StressWorkersWriteTheirFiles)
     };
     EXPECT_EQ(run(_kiv_test_biostress, {"-t", "3", "-f", "2", "-s", "5000", "-d", "1000"}), 1);
     EXPECT_EQ(count_of(log_.out(), "param [ 3 /  9] is 't' (116)\nthreads is 3\n"), 1U);
+    EXPECT_GT(count_of(log_.out(), "t(  0.") + count_of(log_.out(), "t(  1."), 0U)
+        << "seconds since the start";
     EXPECT_TRUE(zol_test::eventually([&] { // a slow machine needs more than a run
         return size_of("stress_0_file_0.bin") == 5000 || run(_kiv_test_biostress, {"-t", "3"}) != 1;
     }));
@@ -237,14 +298,34 @@ TEST_F(Modules, StressWorkersReportEachCauseOnce)
     }
 }
 
+// The pages that are mapped.
+long mapped_pages()
+{
+    long pages = 0;
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen("/proc/self/statm", "re"), std::fclose);
+    EXPECT_EQ(std::fscanf(file.get(), "%ld", &pages), 1);
+    return pages;
+}
+
 TEST_F(Modules, BenchmarkRunsItsOptionsInOrder)
 {
+    EXPECT_EQ(run(_zol_test_cpubench, {"-l", "3", "-c", "2", "-d", "1", "-p"}), 1);
+    const std::string measured = log_.out();
+    const auto after = [&measured](const std::string &label) {
+        return std::atol(measured.c_str() + measured.find(label) + label.size());
+    };
+    EXPECT_GE(after("avg_usec_delta "), 2000) << "two sleeps of a millisecond";
+    EXPECT_GE(after("max_usec_delta "), after("avg_usec_delta "));
+    EXPECT_EQ(count_of(measured, "pre more than post"), 0U);
+    const long pages = mapped_pages();
+    run(_zol_test_cpubench, {"-l", "500", "-m"});
+    EXPECT_LT(mapped_pages() - pages, 500) << "the mappings are gone";
     EXPECT_EQ(run(_zol_test_cpubench, {"-l", "2500", "-m", "-l", "3", "-d", "1", "-s", "10", "-p", "-1"}), 1);
     const std::string out = log_.out();
     EXPECT_LT(out.find("size_bytes 4097, loop_cnt 2500\n"),
               out.find("spin_cnt: 10, sleep_cnt: 1, sleep_duration_ms: 1, loop_cnt: 3\n"));
-    EXPECT_EQ(count_of(out, "max_usec_delta"), 2U);
-    EXPECT_EQ(count_of(out, "\033[36m" + std::string(68, '=') + "\n\033[0m"), 3U + 3U + 3U);
+    EXPECT_EQ(count_of(out, "max_usec_delta"), 1U + 2U);
+    EXPECT_EQ(count_of(out, "\033[36m" + std::string(68, '=') + "\n\033[0m"), 3U + 3U + 3U + 3U + 3U);
     EXPECT_TRUE(log_.texts("ERRR").empty());
     EXPECT_EQ(run(_zol_test_cpubench, {"-l", "0", "-p", "-z", "-1", "-l", "1", "-m"}), 1);
     EXPECT_EQ(count_of(log_.out(), "avg_usec_delta 0 [usec]"), 1U);

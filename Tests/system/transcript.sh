@@ -48,6 +48,11 @@ registered() {
     eventually "kivboard journal | grep -q 'gpio_$1 irqmask W.0. ok'"
 }
 
+# idle: waits until the board that has started this shell does not use the processor.
+idle() {
+    eventually "used=\$(cut -d ' ' -f 14,15 /proc/$PPID/stat); sleep 0.2; [ \"\$used\" = \"\$(cut -d ' ' -f 14,15 /proc/$PPID/stat)\" ]"
+}
+
 # texts LEVEL: reduces a log to the lines of a level, as "routine: text", assertions without their line.
 texts() {
     sed -n "s/^T .*\[$1\]\[   KIV   \] *\([^ ]*\) *[0-9]* : \x1b\[0m/\1: /p" |
@@ -98,7 +103,7 @@ describe() {
 functions=${transcript%.txt}.sh
 # shellcheck disable=SC1090 # each transcript has its own
 [ ! -e "$functions" ] || source "$functions"
-export -f texts findings chips forbidden # for commands in shells of their own
+export -f eventually idle texts findings chips forbidden # for commands in shells of their own
 
 perform() {
     (eval "$1") 2>&1 < /dev/null | sed "/^T  *[0-9.]* *\x1b\[[0-9]*m\[/d; s|$SCRATCH|SCRATCH|g"

@@ -9,7 +9,6 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -143,7 +142,7 @@ TEST(TestDriver, RunsTheTestsOfAllWithItsParameters)
     EXPECT_TRUE(g_params.isFreePlay == 1 && g_params.isSimulator == 1 && g_params.isForceDebug == 0);
     EXPECT_TRUE(g_params.i2c_reg == 0x2fff && g_params.i2c_bus == 5 && g_params.i2c_addr == 24);
     EXPECT_TRUE(g_params.i2c_val == 7 && g_params.eventId == 9 && g_params.repeatNum == 1);
-    EXPECT_TRUE(log.has("PRNT", "repeat test 1") || log.has("PRNT", "event id   : 9"));
+    EXPECT_TRUE(log.has("PRNT", "event id   : 9"));
     EXPECT_TRUE(log.has("PRNT", "reg               : 0x2fff"));
 }
 
@@ -298,15 +297,6 @@ TEST_F(Modules, StressWorkersReportEachCauseOnce)
     }
 }
 
-// The pages that are mapped.
-long mapped_pages()
-{
-    long pages = 0;
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen("/proc/self/statm", "re"), std::fclose);
-    EXPECT_EQ(std::fscanf(file.get(), "%ld", &pages), 1);
-    return pages;
-}
-
 TEST_F(Modules, BenchmarkRunsItsOptionsInOrder)
 {
     EXPECT_EQ(run(_zol_test_cpubench, {"-l", "3", "-c", "2", "-d", "1", "-p"}), 1);
@@ -317,15 +307,12 @@ TEST_F(Modules, BenchmarkRunsItsOptionsInOrder)
     EXPECT_GE(after("avg_usec_delta "), 2000) << "two sleeps of a millisecond";
     EXPECT_GE(after("max_usec_delta "), after("avg_usec_delta "));
     EXPECT_EQ(count_of(measured, "pre more than post"), 0U);
-    const long pages = mapped_pages();
-    run(_zol_test_cpubench, {"-l", "500", "-m"});
-    EXPECT_LT(mapped_pages() - pages, 500) << "the mappings are gone";
     EXPECT_EQ(run(_zol_test_cpubench, {"-l", "2500", "-m", "-l", "3", "-d", "1", "-s", "10", "-p", "-1"}), 1);
     const std::string out = log_.out();
     EXPECT_LT(out.find("size_bytes 4097, loop_cnt 2500\n"),
               out.find("spin_cnt: 10, sleep_cnt: 1, sleep_duration_ms: 1, loop_cnt: 3\n"));
     EXPECT_EQ(count_of(out, "max_usec_delta"), 1U + 2U);
-    EXPECT_EQ(count_of(out, "\033[36m" + std::string(68, '=') + "\n\033[0m"), 3U + 3U + 3U + 3U + 3U);
+    EXPECT_EQ(count_of(out, "\033[36m" + std::string(68, '=') + "\n\033[0m"), 3U + 3U + 3U + 3U);
     EXPECT_TRUE(log_.texts("ERRR").empty());
     EXPECT_EQ(run(_zol_test_cpubench, {"-l", "0", "-p", "-z", "-1", "-l", "1", "-m"}), 1);
     EXPECT_EQ(count_of(log_.out(), "avg_usec_delta 0 [usec]"), 1U);

@@ -142,11 +142,12 @@ bool apply_number_option(int letter, const char *argument, kiv::call_site site)
     return true;
 }
 
-bool apply_switch(int letter, kiv::call_site site)
+bool apply_switch(int letter, kiv::test_run &run, kiv::call_site site)
 {
     switch (letter) {
     case 'l':
         g_params.isFreePlay = 1;
+        run.testFlags |= KIV_TEST_FLAG_FREE_PLAY;
         KIV_LOG_AT(site, PRNT, "freeplay          : 0x%x\n", g_params.isFreePlay);
         return true;
     case 'x':
@@ -182,7 +183,7 @@ void apply_option(int letter, kiv::test_run &run, kiv::call_site site)
         show_help(run);
     }
     const bool applied = apply_text_option(letter, optarg, site) ||
-                         apply_number_option(letter, optarg, site) || apply_switch(letter, site);
+                         apply_number_option(letter, optarg, site) || apply_switch(letter, run, site);
     if (!applied) {
         reject_option(letter, run, site);
     }

@@ -29,6 +29,7 @@ listener_info g_listener_info;
 kiv_event_item *ev_item[2][num_events]; // of __test01 and __test02
 kiv_event_wait_entry event[num_events]; // of __test02
 char name[num_events][text_size];       // of __test02
+pthread_attr_t g_attr;
 pthread_t g_listener;
 
 void format_name(char (&to)[text_size], int32_t index)
@@ -45,12 +46,16 @@ void format_text(char (&to)[text_size], const kiv_event_item *item, int32_t inde
 
 int start_listener(int32_t iterations)
 {
+    pthread_attr_init(&g_attr);
+    pthread_attr_setdetachstate(&g_attr, PTHREAD_CREATE_JOINABLE);
     g_listener_info.count = num_events;
     g_listener_info.iterations = iterations;
     g_listener_info.timeout = wait_timeout_us;
     g_listener_info.received = 0;
     g_listener_info.ended = false;
-    return pthread_create(&g_listener, nullptr, kiv::events_test::__listener, &g_listener_info);
+    const int error = pthread_create(&g_listener, &g_attr, kiv::events_test::__listener, &g_listener_info);
+    pthread_attr_destroy(&g_attr);
+    return error;
 }
 
 // Keeps the notifier from running so far ahead that a pipe fills up, which nobody would empty any more if the

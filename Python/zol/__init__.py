@@ -16,7 +16,7 @@ from zol.errors import (InvalidParamError, NoMemoryError, NotFoundError, OpenErr
 from zol.events import Event, EventGroup, wait_for
 from zol.gpio import Interrupt, Pin, Trigger
 from zol.i2c import I2cDevice
-from zol.library import Library, version  # before the workers, which are stopped first
+from zol.lifecycle import Library, version  # before the workers, which are stopped first
 from zol.timing import TimingLog
 from zol.worker import Message, Worker
 

@@ -149,7 +149,7 @@ int32_t kiv_config_init(const char *configFile)
 
 int32_t kiv_config_deinit(void)
 {
-    if (g_kiv_config.doc != nullptr) {
+    if (g_kiv_config.initialized != 0 && g_kiv_config.doc != nullptr) {
         xmlFreeDoc(g_kiv_config.doc);
         xmlCleanupParser();
     }

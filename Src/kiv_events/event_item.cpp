@@ -17,12 +17,13 @@
 namespace
 {
 
-void close_end(int32_t fd, const char *end)
+void close_end(int32_t &fd, const char *end)
 {
     if (const int result = close(fd); result != 0) {
         KIV_LOG_AS("__event_item_free", ERRR, "Failed closing %s fd %d ret %d errno %d\n", end, fd, result,
                    errno);
     }
+    fd = -1;
 }
 
 // Opens the two ends of a new pipe; the read end does not block.
@@ -36,8 +37,11 @@ bool open_pipe(kiv_event_item &item)
     kiv::unique_fd read_end(fds[0]);
     kiv::unique_fd write_end(fds[1]);
     if (const int result = fcntl(read_end.get(), F_SETFL, O_NONBLOCK); result == -1) {
+        const int error = errno;
+        read_end.reset();
+        write_end.reset();
         KIV_LOG_AS("__event_item_alloc", ERRR, "Failed to fctl fd %d, ret %d errno %d.\n", fds[0], result,
-                   errno);
+                   error);
         return false;
     }
     item.read_fd = read_end.release();

@@ -24,7 +24,7 @@ bool g_has_signalfd;
 class BoardRun : public testing::Test
 {
 protected:
-    // What a board says that does not run its command.
+    // Runs a board that fails to start. @return Its complaint.
     [[nodiscard]] std::string refusal() const
     {
         testing::internal::CaptureStderr();

@@ -310,7 +310,7 @@ TEST_F(TimingLog, IsLeftAloneByAForkedChild)
             zol_test::eventually([&] { return g_async_queue_length(log->available_msgs_queue) == 1024; }));
         g_async_queue_lock(log->available_msgs_queue);
         g_async_queue_lock(log->pending_msgs_queue);
-        EXPECT_TRUE(zol_test::holds_in_child([&] {
+        const auto reports_it = [&] {
             kiv_tl(log, 5, KIV_TL_LOW, nullptr);
             kiv_tl(log, 5, KIV_TL_LOW, nullptr);
             if (round % 2 == 0) {
@@ -321,7 +321,8 @@ TEST_F(TimingLog, IsLeftAloneByAForkedChild)
             std::exit(is_reported ? 0 : 1);
 #endif
             return is_reported;
-        }));
+        };
+        EXPECT_TRUE(zol_test::holds_in_child(reports_it));
         g_async_queue_unlock(log->pending_msgs_queue);
         g_async_queue_unlock(log->available_msgs_queue);
     }

@@ -1,7 +1,9 @@
 // Events that are deleted with their owner, and short forms of the calls on them.
 #pragma once
 
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/eventually.h"
@@ -50,6 +52,25 @@ std::vector<delivery> wait_for_any(const std::vector<std::string> &names, uint32
 delivery wait_for(const std::string &name, uint32_t room = 64, int32_t timeout_us = no_limit);
 
 int32_t notify(kiv_event_item *item, const std::string &payload);
+
+/// The same in a thread of its own.
+inline std::future<int32_t> notify_aside(kiv_event_item *item, const std::string &payload)
+{
+    return std::async(std::launch::async, [item, payload] { return notify(item, payload); });
+}
+
+/// Takes a step again and again in a thread of its own, until the thread's owner ends.
+template <typename Step>
+std::jthread repeat(Step step)
+{
+    return std::jthread([step](const std::stop_token &stop) {
+        while (!stop.stop_requested()) {
+            step();
+        }
+    });
+}
+
+constexpr int pipe_capacity = 65'536;
 
 /// The descriptor of an event, and how many bytes can be read from it.
 int fd_of(const std::string &name);

@@ -54,8 +54,8 @@ TEST_F(GpioLines, ALineIsTakenAsItIsAndBecomesAnOutputWhenItIsSet)
 {
     restart_with_chips("<gpio_chip_0_first>0</gpio_chip_0_first>"
                        "<gpio_39_active_low>1</gpio_39_active_low><gpio_39_bias>disabled</gpio_39_bias>"
-                       "<gpio_8_active_low>1</gpio_8_active_low><gpio_7_bias>pull-up</"
-                       "gpio_7_bias><gpio_7_debounce_us>5000</gpio_7_debounce_us>");
+                       "<gpio_8_active_low>1</gpio_8_active_low>"
+                       "<gpio_7_bias>pull-up</gpio_7_bias><gpio_7_debounce_us>5000</gpio_7_debounce_us>");
     int value = 7;
     request(3, "a name of thirty-one characters and more");
     EXPECT_EQ((statuses{kiv_gpio_get(3, &value), value, kiv_gpio_set(3, -1), kiv_gpio_get(3, &value), value,

@@ -18,7 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include "common/tsan.h"
 #include "common/unique_fd.h"
 #include "support/eventually.h"
 #include "support/fake_host.h"
@@ -310,14 +309,14 @@ TEST_F(TimingLog, IsLeftAloneByAForkedChild)
             zol_test::eventually([&] { return g_async_queue_length(log->available_msgs_queue) == 1024; }));
         g_async_queue_lock(log->available_msgs_queue);
         g_async_queue_lock(log->pending_msgs_queue);
-        const auto reports_it = [&] {
+        const auto reports_it = [&] { // and exits, which is to write nothing
             kiv_tl(log, 5, KIV_TL_LOW, nullptr);
             kiv_tl(log, 5, KIV_TL_LOW, nullptr);
             if (round % 2 == 0) {
                 kiv_tl_deinit(log);
             }
             const bool is_reported = capture_.texts("ERRR").size() == 1U + static_cast<unsigned>(round);
-#if !defined(KIV_TSAN) // which would complain of the parent's other threads
+#if !defined(__SANITIZE_ADDRESS__) // it takes what the parent's other threads own for leaks
             std::exit(is_reported ? 0 : 1);
 #endif
             return is_reported;

@@ -1,6 +1,7 @@
 // Notification and waiting on several threads: every record arrives whole, once, and in order.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -172,17 +173,24 @@ TEST_F(EventDelivery, LongRecordsSurviveTimeouts)
     });
     EXPECT_EQ(wait_for("door", 4089), delivered(pattern(4089)));
 
+    const auto memory_in_use = [] {
+        const auto heap = mallinfo2();
+        return heap.uordblks + heap.hblkhd;
+    };
+    const std::size_t before = memory_in_use();
     std::future<int32_t> lost = notify_held(door, pattern(1 << 20), 0);
     EXPECT_EQ(wait_for("door", 1 << 20, 20'000), nothing);
     events_.remove(door);
     g_hold = false;
     EXPECT_EQ(lost.get(), KIV_ERR_INVALID_PARAM);
+    const std::string payload = pattern(60'000);
     for (int i = 0; i < 1030; ++i) { // by then all records are used again
         kiv_event_item *const next = events_.create("next");
-        EXPECT_EQ(notify(next, "x"), KIV_OK);
-        EXPECT_EQ(wait_for("next"), delivered("x"));
+        EXPECT_EQ(notify(next, payload), KIV_OK);
+        EXPECT_EQ(wait_for("next", 60'000), delivered(payload));
         events_.remove(next);
     }
+    EXPECT_LT(memory_in_use(), before + (1 << 20)) << "the room of the events has gone with them";
 }
 
 TEST_F(EventDelivery, ReportsLongRecordsLostForWantOfMemory)

@@ -312,6 +312,7 @@ TEST_F(Modules, BenchmarkRunsItsOptionsInOrder)
     EXPECT_LT(out.find("size_bytes 4097, loop_cnt 2500\n"),
               out.find("spin_cnt: 10, sleep_cnt: 1, sleep_duration_ms: 1, loop_cnt: 3\n"));
     EXPECT_EQ(count_of(out, "max_usec_delta"), 1U + 2U);
+    EXPECT_EQ(count_of(out, "failed selecting"), 0U);
     EXPECT_EQ(count_of(out, "\033[36m" + std::string(68, '=') + "\n\033[0m"), 3U + 3U + 3U + 3U);
     EXPECT_TRUE(log_.texts("ERRR").empty());
     EXPECT_EQ(run(_zol_test_cpubench, {"-l", "0", "-p", "-z", "-1", "-l", "1", "-m"}), 1);
